@@ -1,0 +1,56 @@
+// Logging interface of kel, and the stand-in logger that implements it.
+//
+// The framework writes every line through the global function pointer
+// `__logprintf`. The pointer is valid from load time on (no init needed),
+// may be called from any thread and from a signal handler, and may be
+// replaced by an application that wants another logger.
+//
+// The default function formats into a stack buffer and emits each line with
+// one write(2) on standard error: no lock, no heap. A line reads
+//   hh:mm:ss.mmm L name[pid/thread] file:line func: message
+// Lines below the threshold are dropped. The threshold starts at LOG_INFO;
+// change it with kellog::kel_log_set_level(), with the environment variable
+// KEL_LOG_LEVEL (read by kel_log_init), or with a line "level=<n>" in the
+// file given as `confpath` to kel_log_init.
+#ifndef KEL_LOG_MSG_LOGGER_H
+#define KEL_LOG_MSG_LOGGER_H
+
+#define KELLOG_API __attribute__((visibility("default")))
+
+enum DebugLevel {
+    LOG_DUMP = 20,
+    LOG_DEBUG = 40,
+    LOG_INFO = 60,
+    LOG_WARN = 80,
+    LOG_ERROR = 100,
+};
+
+extern "C" {
+typedef void (*KelLogFunction)(const char* file, int file_len, const char* func, int func_len,
+                               int line, int level, const char* fmt, ...);
+
+// The logger of the process. Never null; the framework calls it without a test.
+// Replace it before any other thread runs, or accept that a thread may still
+// use the old function for one more line.
+extern KELLOG_API KelLogFunction __logprintf;
+}
+
+namespace kellog {
+
+// Starts the logger: `name` becomes the program name in every line, and the
+// threshold is taken from `confpath` ("level=<n>") and then KEL_LOG_LEVEL.
+// Either argument may be null. Call it from one thread, outside signal context.
+KELLOG_API void kel_log_init(const char* confpath, const char* name);
+
+// Lines with a level below `level` are dropped. Safe from any thread.
+KELLOG_API void kel_log_set_level(int level);
+KELLOG_API int kel_log_get_level();
+
+// The default function behind `__logprintf`.
+KELLOG_API void kel_log_default(const char* file, int file_len, const char* func, int func_len,
+                                int line, int level, const char* fmt, ...)
+    __attribute__((format(printf, 7, 8)));
+
+}  // namespace kellog
+
+#endif

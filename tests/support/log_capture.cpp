@@ -1,0 +1,76 @@
+#include "log_capture.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <atomic>
+
+namespace {
+
+constexpr int kMaxLines = 4096;
+
+struct Slot {
+    std::atomic<bool> ready{false};
+    int level;
+    char func[48];
+    char text[256];
+};
+
+Slot _g_slots[kMaxLines];
+std::atomic<int> _g_next{0};
+
+void capture(const char*, int, const char* func, int, int, int level, const char* fmt, ...) {
+    int i = _g_next.fetch_add(1, std::memory_order_relaxed);
+    if (i >= kMaxLines) return;
+    Slot& s = _g_slots[i];
+    s.level = level;
+    snprintf(s.func, sizeof s.func, "%s", func ? func : "");
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(s.text, sizeof s.text, fmt, ap);
+    va_end(ap);
+    s.ready.store(true, std::memory_order_release);
+}
+
+}  // namespace
+
+LogCapture::LogCapture() : mOld(__logprintf) {
+    clear();
+    __logprintf = capture;
+}
+
+LogCapture::~LogCapture() { __logprintf = mOld; }
+
+void LogCapture::clear() {
+    for (auto& s : _g_slots) s.ready.store(false, std::memory_order_relaxed);
+    _g_next.store(0, std::memory_order_relaxed);
+}
+
+std::vector<CapturedLine> LogCapture::lines() const {
+    std::vector<CapturedLine> out;
+    int n = _g_next.load(std::memory_order_relaxed);
+    if (n > kMaxLines) n = kMaxLines;
+    for (int i = 0; i < n; ++i) {
+        // A line still being written is skipped.
+        if (!_g_slots[i].ready.load(std::memory_order_acquire)) continue;
+        out.push_back({_g_slots[i].level, _g_slots[i].func, _g_slots[i].text});
+    }
+    return out;
+}
+
+int LogCapture::count(const std::string& text, int level) const {
+    int n = 0;
+    for (const auto& l : lines()) {
+        if (l.text == text && (level < 0 || l.level == level)) ++n;
+    }
+    return n;
+}
+
+int LogCapture::countContaining(const std::string& part) const {
+    int n = 0;
+    for (const auto& l : lines()) {
+        if (l.text.find(part) != std::string::npos) ++n;
+    }
+    return n;
+}
