@@ -1,0 +1,203 @@
+// KelPool and KelQueue.
+#include <stddef.h>
+
+#include "common_log.h"
+#include "kel_pool.h"
+#include "kel_port.h"
+#include "kel_queue.h"
+
+namespace {
+
+// A block while it is free: its first word links the free list and overlays
+// the QEvt header of an event block. Its size is the grain of every pool.
+struct QFreeBlock {
+    QFreeBlock* m_next;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- KelPool
+
+KelPool::KelPool()
+    : m_start(nullptr), m_end(nullptr), m_free_head(nullptr), m_blockSize(0), m_nTot(0), m_nFree(0) {}
+
+void KelPool::init(void* poolSto, uint_fast32_t poolSize, uint_fast16_t blockSize) {
+    KEL_ASSERT(poolSto != nullptr);
+    KEL_ASSERT(poolSize >= sizeof(QFreeBlock));
+    KEL_ASSERT(static_cast<uint_fast16_t>(blockSize + sizeof(QFreeBlock)) > blockSize);
+
+    m_free_head = poolSto;
+
+    // Round the block size up to whole free-list units.
+    m_blockSize = sizeof(QFreeBlock);
+    uint_fast16_t nblocks = 1;
+    while (m_blockSize < blockSize) {
+        m_blockSize += sizeof(QFreeBlock);
+        ++nblocks;
+    }
+    blockSize = static_cast<uint_fast16_t>(m_blockSize);
+
+    KEL_ASSERT(poolSize >= blockSize);
+
+    // Chain the blocks in ascending address order; a remainder smaller than
+    // one block is left unused.
+    QFreeBlock* fb = static_cast<QFreeBlock*>(poolSto);
+    poolSize -= blockSize;
+    m_nTot = 1;
+    while (poolSize >= blockSize) {
+        fb->m_next = &fb[nblocks];
+        fb = fb->m_next;
+        poolSize -= blockSize;
+        ++m_nTot;
+    }
+    fb->m_next = nullptr;
+    m_nFree.store(m_nTot, std::memory_order_relaxed);
+    m_start = poolSto;
+    m_end = fb;
+
+    KEL_ASSERT(Kel::Kel_maxPool_ <= 2);
+    Kel::Kel_pool_[Kel::Kel_maxPool_] = this;
+    ++Kel::Kel_maxPool_;
+}
+
+void* KelPool::get(uint_fast16_t margin) {
+    QMPoolCtr nFree = m_nFree.load(std::memory_order_relaxed);
+    if (nFree > margin) {
+        QFreeBlock* fb = static_cast<QFreeBlock*>(m_free_head);
+        KEL_ASSERT(fb != nullptr);
+        m_free_head = fb->m_next;
+        m_nFree.store(nFree - 1, std::memory_order_relaxed);
+        return fb;
+    }
+    KEL_LOG(LOG_WARN, "Free Block is empty.");
+    KEL_LOG(LOG_WARN, "m_blockSize: %d, m_nTot: %d, m_nFree: %d", static_cast<int>(m_blockSize),
+            static_cast<int>(m_nTot), static_cast<int>(nFree));
+    return nullptr;
+}
+
+void KelPool::put(void* b) {
+    QMPoolCtr nFree = m_nFree.load(std::memory_order_relaxed);
+    KEL_ASSERT(nFree < m_nTot);
+    KEL_ASSERT(m_start <= b);
+    KEL_ASSERT(b <= m_end);
+    static_cast<QFreeBlock*>(b)->m_next = static_cast<QFreeBlock*>(m_free_head);
+    m_free_head = b;
+    m_nFree.store(nFree + 1, std::memory_order_relaxed);
+}
+
+void KelPool::showArgs() {
+    KEL_LOG(LOG_WARN, "m_blockSize: %d, m_nTot: %d, m_nFree: %d", static_cast<int>(m_blockSize),
+            static_cast<int>(m_nTot), static_cast<int>(m_nFree.load(std::memory_order_relaxed)));
+}
+
+// --------------------------------------------------------------- KelQueue
+
+KelQueue::KelQueue() : m_frontEvt(nullptr), m_ring(nullptr), m_end(0), m_head(0), m_tail(0), m_nFree(0) {}
+
+void KelQueue::init(const QEvt** qSto, uint_fast16_t qLen) {
+    m_frontEvt.store(nullptr, std::memory_order_relaxed);
+    m_ring = qSto;
+    m_end = qLen;
+    if (qLen != 0) {
+        m_head.store(0, std::memory_order_relaxed);
+        m_tail.store(0, std::memory_order_relaxed);
+    }
+    m_nFree.store(qLen + 1, std::memory_order_relaxed);
+}
+
+bool KelQueue::post(const QEvt* e, uint_fast16_t margin) {
+    Autolock lock(&mMtx);
+    KEL_ASSERT(e != nullptr);
+    QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);
+    if (nFree > margin) {
+        QEvt* ev = const_cast<QEvt*>(e);
+        if (ev->poolId_ != 0) ++ev->refCtr_;
+        m_nFree.store(nFree - 1, std::memory_order_relaxed);
+        if (m_frontEvt.load(std::memory_order_relaxed) == nullptr) {
+            // Memory ordering: release; pairs with the acquire in isEmpty.
+            m_frontEvt.store(e, std::memory_order_release);
+        } else {
+            QEQueueCtr head = m_head.load(std::memory_order_relaxed);
+            m_ring[head] = e;
+            if (head == 0) head = m_end;
+            m_head.store(head - 1, std::memory_order_relaxed);
+        }
+        return true;
+    }
+    KEL_LOG(LOG_WARN, "event not posted");
+    return false;
+}
+
+const QEvt* KelQueue::putFront(const QEvt* e) {
+    QEvt* ev = const_cast<QEvt*>(e);
+    if (ev->poolId_ != 0) ++ev->refCtr_;
+    const QEvt* front = m_frontEvt.load(std::memory_order_relaxed);
+    QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);
+    const QEvt* victim = nullptr;
+
+    if (nFree != 0) {
+        m_nFree.store(nFree - 1, std::memory_order_relaxed);
+    } else if (m_end == 0) {
+        // No ring at all: the front event itself gives way.
+        victim = front;
+        front = nullptr;
+    } else {
+        // Full ring (m_head == m_tail): the entry posted last gives way, as a
+        // post arriving at a full queue would have been refused. Taking it
+        // back frees the slot just above m_tail, which the former front event
+        // then takes below.
+        QEQueueCtr head = m_head.load(std::memory_order_relaxed) + 1;
+        if (head == m_end) head = 0;
+        victim = m_ring[head];
+        m_head.store(head, std::memory_order_relaxed);
+    }
+
+    if (front != nullptr) {
+        QEQueueCtr tail = m_tail.load(std::memory_order_relaxed) + 1;
+        if (tail == m_end) tail = 0;
+        m_tail.store(tail, std::memory_order_relaxed);
+        m_ring[tail] = front;
+    }
+    m_frontEvt.store(e, std::memory_order_release);
+    return victim;
+}
+
+void KelQueue::postLIFO(const QEvt* e) {
+    const QEvt* victim;
+    {
+        Autolock lock(&mMtx);
+        KEL_ASSERT(e != nullptr);
+        victim = putFront(e);
+    }
+    if (victim != nullptr) {
+        // The queue's reference of the dropped event ends here, outside mMtx:
+        // the queue lock and the event mutex are never held together.
+        KEL_LOG(LOG_WARN, "queue full, event %d dropped for a LIFO post", static_cast<int>(victim->sig));
+        if (victim->poolId_ != 0) Kel::gc(victim);
+    }
+}
+
+const QEvt* KelQueue::get() {
+    Autolock lock(&mMtx);
+    const QEvt* e = m_frontEvt.load(std::memory_order_relaxed);
+    if (e == nullptr) return nullptr;
+    QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed) + 1;
+    m_nFree.store(nFree, std::memory_order_relaxed);
+    if (nFree <= m_end) {
+        QEQueueCtr tail = m_tail.load(std::memory_order_relaxed);
+        m_frontEvt.store(m_ring[tail], std::memory_order_release);
+        if (tail == 0) tail = m_end;
+        m_tail.store(tail - 1, std::memory_order_relaxed);
+    } else {
+        m_frontEvt.store(nullptr, std::memory_order_relaxed);
+        KEL_ASSERT(m_end + 1 == nFree);
+    }
+    return e;
+}
+
+void KelQueue::showArgs() {
+    KEL_LOG(LOG_DEBUG, "m_end: %d, m_head: %d, m_tail: %d, m_nFree: %d", static_cast<int>(m_end),
+            static_cast<int>(m_head.load(std::memory_order_relaxed)),
+            static_cast<int>(m_tail.load(std::memory_order_relaxed)),
+            static_cast<int>(m_nFree.load(std::memory_order_relaxed)));
+}

@@ -1,0 +1,139 @@
+// KelLoop: the one event loop of a process.
+//
+// It owns the event queue (128 entries), the general and state event pools
+// (`msgs` blocks each) and the timer list. One thread runs it with `execLoop`
+// (or repeated `getMessage`): each turn serves due timers first, then takes
+// one event, then sleeps in a timed wait until the next deadline or post.
+// An application derives from it and overrides the virtual operations.
+//
+// Thread rules:
+// - The loop's thread runs every timer handler, every virtual operation
+//   (but `occurSysError` from the error branch of the signal handling) and
+//   the state machine's handling of queued events.
+// - Any thread may call `newEvt`, `post`, `postLIFO`, `postCmd`, `exitLoop`,
+//   `wakeupCore` and `showAll`.
+// - No lock is held while the virtual operations run; timer handlers run
+//   with the timer list's mutex held (see app_timer.h).
+//
+// Lifetime: one KelLoop per process, for the life of the process (a second
+// one asserts, even after the first is gone). Build it after
+// KelLoop::init_all; build the state machine and the timers after it and
+// destroy them before it. After `execLoop` has returned 0 the event mutex is
+// gone: events may still be released and timers stopped (on a spare lock),
+// but nothing more should be posted.
+#ifndef KEL_EVENTS_KEL_LOOP_H
+#define KEL_EVENTS_KEL_LOOP_H
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "event_def.h"
+#include "kel_export.h"
+
+class KelQueue;
+class KelPool;
+class KelTimer;
+class StateMache;
+class StateList;
+
+class KEL_API KelLoop {
+public:
+    // Builds the loop; `msgs` is the number of blocks of each event pool.
+    explicit KelLoop(unsigned int msgs);
+    virtual ~KelLoop();
+
+    // Loop thread, for SIG_SYSTEM_POWEROFF, before the loop stops.
+    virtual void poweroff() {}
+    // Loop thread, for SIG_SYS_SIGNAL_INT, before the loop stops.
+    virtual void interrupt() {}
+    // Loop thread, for SIG_SYS_ERROR_OCCUR, before the loop stops; also from
+    // the signal handling's error branch, just before the process exits.
+    virtual void occurSysError() {}
+    // Loop thread, for SIG_SYS_USER_SIGNAL; false stops the loop.
+    virtual bool broadcast(int, int) { return true; }
+    // Loop thread, by `execLoop`, for every signal above SIG_INNER_PROC.
+    virtual void procSubMsg(const QEvt*) {}
+
+    // Starts the framework in a process: signal handling (unless bit
+    // 0x1000000), the logging library (unless bit 0x2000000), Kel::init.
+    // Call once, before the first use of events.
+    static void init_all(unsigned int def_level, const char* name, const char* confpath);
+    // Kel::init's counterpart, for applications that drive `getMessage` or
+    // got -1 from `execLoop`. Harmless after `execLoop` returned 0.
+    static void uninit_all();
+
+    // Next pseudo-random number. Any thread, no lock.
+    static unsigned long rand();
+    // Kel::newX_(sig, size): null when no block is free; payload not set.
+    static QEvt* newEvt(int sig, int size);
+
+    // First in, first out at margin 0, then wakes the loop. False when the
+    // queue is full (the event then stays with the caller).
+    bool post(const QEvt* e);
+    // Ahead of everything queued, then wakes the loop. Never refuses.
+    void postLIFO(const QEvt* e);
+    // Allocates a general event with signal `cmd` and posts it. On a full
+    // queue the block goes back to its pool and the result is false.
+    bool postCmd(int cmd);
+    // Wakes the loop without an event, so that it reads its deadline again.
+    void wakeupCore();
+    void showAll();
+    // Asserts that no state machine is registered yet.
+    void setStateMacheHandler(StateMache* state);
+    // Posts SIG_EVENT_LOOP_EXIT.
+    void exitLoop();
+    // Runs the loop on the calling thread: 0 on a normal stop (after
+    // Kel::uninit), -1 when the timed wait failed.
+    int execLoop();
+    // True when the caller is the loop's thread (not that the loop runs).
+    bool isLooping();
+
+    // Replays the held-back events of the state machine ahead of the queue.
+    void procStateEvent(StateList* st);
+
+    // Pools and queue, for diagnosis and tests.
+    KelQueue* eventQueue() { return queue; }
+    KelPool* generalPool() { return pool_gen; }
+    KelPool* statePool() { return pool_state; }
+    KelTimer* timerList() { return timer; }
+
+    KelLoop(KelLoop&) = delete;
+    KelLoop& operator=(KelLoop&) = delete;
+
+protected:
+    // Runs the loop until an application event arrives: true with it in
+    // `evt` (the caller owns its reference: end it with `recycleEvent`);
+    // false with null when the loop stopped or the wait failed.
+    bool getMessage(const QEvt*& evt);
+    void recycleEvent(const QEvt* evt);
+    void initThreadPrivate();
+
+private:
+    enum Turn { kNextTurn, kGotEvent, kWaitFailed };
+    // One turn up to the taking of an event: due timers, then the queue,
+    // then the timed wait. Loop thread only.
+    Turn waitEvent(const QEvt*& evt);
+    // The loop's own signals (8 and below). Returns whether the loop goes on.
+    bool dispatchInner(const QEvt* evt);
+
+    KelQueue* queue;
+    KelPool* pool_gen;
+    KelPool* pool_state;
+    KelTimer* timer;
+    GeneralQEvt* gen_pool;
+    StateQEvt* state_pool;
+    StateMache* state_mache;
+    // Written by the loop's thread on entry, read by posters.
+    // Memory ordering: relaxed; a poster only compares it with its own id,
+    // and any value it may read (0 or the loop's id) differs from its own.
+    std::atomic<unsigned long> thread_id;
+    const QEvt* evt_queue[128];
+};
+
+extern "C++" {
+extern KEL_API KelLoop* _loop;
+extern KEL_API KelTimer* _timer;
+}
+
+#endif

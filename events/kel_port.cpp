@@ -1,0 +1,144 @@
+#include "kel_port.h"
+
+#include <sched.h>
+#include <time.h>
+
+#include <atomic>
+
+#include "common_log.h"
+#include "kel_pool.h"
+
+KelPool* Kel::Kel_pool_[3];
+uint_fast32_t Kel::Kel_maxPool_ = 0;
+pthread_mutex_t Kel::Kel_event_mutex_ = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t Kel::Kel_event_cond_ = PTHREAD_COND_INITIALIZER;
+
+namespace {
+
+// True between init and uninit.
+std::atomic<bool> _g_alive{false};
+// Threads inside (or about to enter) Kel_event_mutex_. uninit waits until it
+// is 0 before destroying the mutex.
+std::atomic<int> _g_users{0};
+// Guards the pools outside init..uninit. Never destroyed.
+pthread_mutex_t _g_spare_mutex = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<uint32_t> _g_wakeups{0};
+
+// Takes the event mutex if it is alive, the spare one otherwise.
+// Memory ordering: the increment of _g_users and the load of _g_alive are
+// sequentially consistent, as are the store to _g_alive and the load of
+// _g_users in uninit: either uninit sees this user and waits for it, or this
+// user sees the mutex dead and keeps away from it.
+pthread_mutex_t* acquireEventMutex() {
+    _g_users.fetch_add(1, std::memory_order_seq_cst);
+    if (_g_alive.load(std::memory_order_seq_cst)) {
+        pthread_mutex_lock(&Kel::Kel_event_mutex_);
+        return &Kel::Kel_event_mutex_;
+    }
+    _g_users.fetch_sub(1, std::memory_order_release);
+    pthread_mutex_lock(&_g_spare_mutex);
+    return &_g_spare_mutex;
+}
+
+void releaseEventMutex(pthread_mutex_t* m) {
+    pthread_mutex_unlock(m);
+    if (m == &Kel::Kel_event_mutex_) _g_users.fetch_sub(1, std::memory_order_release);
+}
+
+}  // namespace
+
+Kel::Autolock::Autolock() : mLocked(acquireEventMutex()) {}
+
+Kel::Autolock::~Autolock() { releaseEventMutex(mLocked); }
+
+void Kel::init() {
+    // A second init over a live mutex would re-initialise it under a waiter;
+    // it is ignored instead.
+    if (_g_alive.load(std::memory_order_acquire)) return;
+    pthread_condattr_t attr;
+    KEL_ASSERT(pthread_condattr_init(&attr) == 0);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&Kel_event_cond_, &attr);
+    pthread_mutex_init(&Kel_event_mutex_, nullptr);
+    pthread_condattr_destroy(&attr);
+    _g_alive.store(true, std::memory_order_seq_cst);
+}
+
+void Kel::uninit() {
+    // Only the first uninit after an init destroys anything.
+    bool alive = true;
+    if (!_g_alive.compare_exchange_strong(alive, false, std::memory_order_seq_cst)) return;
+    while (_g_users.load(std::memory_order_seq_cst) != 0) sched_yield();
+    pthread_cond_destroy(&Kel_event_cond_);
+    pthread_mutex_destroy(&Kel_event_mutex_);
+}
+
+bool Kel::isAlive() { return _g_alive.load(std::memory_order_acquire); }
+
+void Kel::lock() {
+    _g_users.fetch_add(1, std::memory_order_seq_cst);
+    if (!_g_alive.load(std::memory_order_seq_cst)) {
+        _g_users.fetch_sub(1, std::memory_order_release);
+        KEL_ASSERT_FAIL();  // the loop needs Kel::init (KelLoop::init_all) first
+    }
+    pthread_mutex_lock(&Kel_event_mutex_);
+}
+
+void Kel::unlock() { releaseEventMutex(&Kel_event_mutex_); }
+
+void Kel::signal() {
+    pthread_mutex_t* m = acquireEventMutex();
+    if (m == &Kel_event_mutex_) {
+        _g_wakeups.fetch_add(1, std::memory_order_release);
+        pthread_cond_signal(&Kel_event_cond_);
+    }
+    releaseEventMutex(m);
+}
+
+uint32_t Kel::wakeups() { return _g_wakeups.load(std::memory_order_acquire); }
+
+QEvt* Kel::newX_(int sig, uint_fast16_t evtSize) {
+    Autolock lock;
+    uint8_t idx = 0;
+    // First fit in order of registration: no sorting, no closest size.
+    while (idx < Kel_maxPool_) {
+        KelPool* p = Kel_pool_[idx];
+        if (p->getBlockSize() >= evtSize && !p->empty()) break;
+        ++idx;
+    }
+    if (idx >= Kel_maxPool_) {
+        KEL_LOG(LOG_ERROR, "not free blocks");
+        return nullptr;
+    }
+    QEvt* e = static_cast<QEvt*>(Kel_pool_[idx]->get(0));
+    if (e != nullptr) {
+        e->sig = static_cast<QSignal>(sig);
+        e->poolId_ = static_cast<uint8_t>(idx + 1);
+        e->refCtr_ = 0;
+    } else {
+        KEL_LOG(LOG_ERROR, "Get Evt is null");
+    }
+    return e;
+}
+
+const QEvt* Kel::newRef_(const QEvt* e) {
+    Autolock lock;
+    if (e->poolId_ != 0) ++const_cast<QEvt*>(e)->refCtr_;
+    return e;
+}
+
+void Kel::gc(const QEvt* e) {
+    Autolock lock;
+    QEvt* ev = const_cast<QEvt*>(e);
+    if (ev->poolId_ == 0) {
+        KEL_LOG(LOG_ERROR, "poolId_ is invalid");
+        KEL_ASSERT_FAIL();
+    }
+    if (ev->refCtr_ > 1) {
+        --ev->refCtr_;
+        return;
+    }
+    uint_fast8_t idx = static_cast<uint_fast8_t>(ev->poolId_ - 1);
+    KEL_ASSERT(idx < Kel_maxPool_);
+    Kel_pool_[idx]->put(ev);
+}

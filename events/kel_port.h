@@ -1,0 +1,81 @@
+// Kel: the static glue of the event core: the table of pools, allocation and
+// release of events by reference count, and the one event mutex and condition
+// on which the main loop sleeps.
+//
+// Thread rules: `newX_`, `newRef_`, `gc` and `signal` may be called from any
+// thread (not from a signal handler: they take the event mutex). `lock` and
+// `unlock` are for the loop's timed wait only.
+//
+// Lifetime: the event mutex and condition live from `init` to `uninit`.
+// Allocation, release and `signal` stay safe outside that span: before
+// `init` and after `uninit` the pools are guarded by a private mutex that is
+// never destroyed, and `signal` has no sleeper to wake. So a timer stopped or
+// an event released after the loop has ended touches no destroyed mutex.
+// `uninit` waits for callers still inside the event mutex before destroying
+// it; only the first `uninit` after an `init` takes effect.
+#ifndef KEL_EVENTS_KEL_PORT_H
+#define KEL_EVENTS_KEL_PORT_H
+
+#include <pthread.h>
+#include <stdint.h>
+
+#include "event_def.h"
+#include "kel_export.h"
+
+class KelPool;
+
+class KEL_API Kel {
+public:
+    static KelPool* Kel_pool_[3];
+    static uint_fast32_t Kel_maxPool_;
+    static pthread_mutex_t Kel_event_mutex_;
+    static pthread_cond_t Kel_event_cond_;
+
+    // Holds the event mutex for a scope (or, outside init..uninit, the
+    // private mutex that stands in for it). Releases it during unwinding.
+    class KEL_API Autolock {
+    public:
+        Autolock();
+        ~Autolock();
+        Autolock(const Autolock&) = delete;
+        Autolock& operator=(const Autolock&) = delete;
+
+    private:
+        pthread_mutex_t* mLocked;
+    };
+
+    // Creates the condition (on CLOCK_MONOTONIC) and the mutex. A second call
+    // while they are alive does nothing.
+    static void init();
+    // Destroys the condition, then the mutex. Pools stay registered.
+    static void uninit();
+    // True between `init` and `uninit`.
+    static bool isAlive();
+
+    // The loop's timed wait: lock, pthread_cond_timedwait, unlock.
+    // Asserts that `init` has run.
+    static void lock();
+    static void unlock();
+
+    // Wakes the loop's thread: signals the event condition under the event
+    // mutex and counts one wake-up.
+    static void signal();
+    // Number of wake-ups sent so far. The loop reads it before it looks at
+    // its queue and timers and again under the event mutex before it sleeps:
+    // a difference means a wake-up came in between, and it does not sleep.
+    // Memory ordering: acquire; pairs with the release in `signal`, so the
+    // post or timer change made before a wake-up is visible to the loop.
+    static uint32_t wakeups();
+
+    // An event of at least `evtSize` bytes from the first registered pool
+    // that is large enough and not empty; null (LOG_ERROR) when none can.
+    // The payload holds what its last user left there.
+    static QEvt* newX_(int sig, uint_fast16_t evtSize);
+    // Adds a reference (pool events only). Returns `e`.
+    static const QEvt* newRef_(const QEvt* e);
+    // Drops a reference; the block goes home when the last one ends. Logs
+    // "poolId_ is invalid" and asserts for a record from no pool.
+    static void gc(const QEvt* e);
+};
+
+#endif
