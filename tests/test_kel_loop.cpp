@@ -172,7 +172,8 @@ TEST_F(LoopTest, IsLoopingNamesTheLoopThreadEvenAfterTheEnd) {
 TEST_F(LoopTest, WakeupCoreFromAnotherThreadMakesTheLoopReadItsDeadlineAgain) {
     RecordingLoop loop;
     LoopRunner runner(&loop);
-    ASSERT_TRUE(waitUntil([&] { return postApp(&loop, SIG_APP) && loop.dispatched.load() == 1; }));
+    ASSERT_TRUE(postApp(&loop, SIG_APP));
+    ASSERT_TRUE(waitUntil([&] { return loop.dispatched.load() == 1; }));
     // Arm a timer behind the loop's back (no wake-up of its own), then wake it.
     std::atomic<int> fired{0};
     ATimer t;

@@ -1,0 +1,115 @@
+// The event path and the timers touch no heap after start-up. This binary
+// counts every heap allocation (operator new always; malloc too where no
+// sanitizer owns it) while events and timers run.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <new>
+#include <thread>
+
+#include "app_timer.h"
+#include "kel_loop.h"
+#include "kel_port.h"
+#include "support/loop_helpers.h"
+
+namespace {
+
+std::atomic<bool> _g_counting{false};
+std::atomic<long> _g_allocs{0};
+
+inline void noteAllocation() {
+    if (_g_counting.load(std::memory_order_relaxed)) _g_allocs.fetch_add(1, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+// Our operator new takes its memory from malloc, so free is the right match.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+void* operator new(size_t n) {
+    noteAllocation();
+    void* p = malloc(n ? n : 1);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+void* operator new[](size_t n) { return operator new(n); }
+void operator delete(void* p) noexcept { free(p); }
+void operator delete[](void* p) noexcept { free(p); }
+void operator delete(void* p, size_t) noexcept { free(p); }
+void operator delete[](void* p, size_t) noexcept { free(p); }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" {
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+void* malloc(size_t n) {
+    noteAllocation();
+    return __libc_malloc(n);
+}
+void* calloc(size_t n, size_t s) {
+    noteAllocation();
+    return __libc_calloc(n, s);
+}
+void* realloc(void* p, size_t n) {
+    noteAllocation();
+    return __libc_realloc(p, n);
+}
+}
+#endif
+
+namespace {
+
+class CountingLoop : public KelLoop {
+public:
+    CountingLoop() : KelLoop(16) {}
+    void procSubMsg(const QEvt*) override { dispatched.fetch_add(1, std::memory_order_release); }
+    std::atomic<int> dispatched{0};
+};
+
+void tick(ATimer*, void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1, std::memory_order_release); }
+
+}  // namespace
+
+TEST(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
+    armWatchdog();
+    startFramework();
+    CountingLoop loop;
+    LoopRunner runner(&loop);
+    std::atomic<int> oneShot{0}, repeating{0};
+    ATimer once, every;
+    once.setHandler(tick, &oneShot);
+    every.setHandler(tick, &repeating);
+    every.setRepeat(true);
+    // Warm-up: the first turn, the first wait and the first firing.
+    loop.postCmd(SIG_INNER_PROC + 1);
+    ASSERT_TRUE(waitUntil([&] { return loop.dispatched.load() == 1; }));
+
+    // The counter sees allocations at all.
+    _g_counting.store(true);
+    ::operator delete(::operator new(16));
+    ASSERT_GE(_g_allocs.exchange(0), 1);
+
+    constexpr int kEvents = 2000;
+    for (int i = 0; i < kEvents; ++i) {
+        GeneralQEvt* e = static_cast<GeneralQEvt*>(KelLoop::newEvt(SIG_INNER_PROC + 1, sizeof(GeneralQEvt)));
+        ASSERT_NE(e, nullptr);
+        e->wParam = i;
+        ASSERT_TRUE(loop.post(e));
+        if (i % 100 == 0) {
+            once.restart(0);
+            ASSERT_TRUE(waitUntil([&] { return oneShot.load() == i / 100 + 1; }));
+        }
+        ASSERT_TRUE(waitUntil([&] { return loop.dispatched.load() == i + 2; }));
+    }
+    every.restart(1);
+    ASSERT_TRUE(waitUntil([&] { return repeating.load() >= 5; }));
+    every.stop();
+    _g_counting.store(false);
+
+    EXPECT_EQ(_g_allocs.load(), 0) << "heap allocations on the event path";
+    loop.exitLoop();
+    EXPECT_EQ(runner.join(), 0);
+    EXPECT_EQ(freeBlocks(&loop), totalBlocks(&loop));
+}
