@@ -29,6 +29,8 @@ namespace {
 
 inline unsigned long selfId() { return static_cast<unsigned long>(pthread_self()); }
 
+bool queueIsEmpty(void* q) { return static_cast<KelQueue*>(q)->isEmpty(); }
+
 // ------------------------------------------------------ signal handling
 //
 // The handler runs in signal context on whatever thread the system picks,
@@ -309,14 +311,8 @@ KelLoop::Turn KelLoop::waitEvent(const QEvt*& evt) {
     }
     // A waiting event comes before sleep.
     if (queue->isEmpty()) {
-        int ret = 0;
-        Kel::lock();
-        // A post or wake-up since `seen` has signalled already (or is about
-        // to, blocked on the event mutex we hold): sleep only if none came.
-        if (queue->isEmpty() && Kel::wakeups() == seen) {
-            ret = pthread_cond_timedwait(&Kel::Kel_event_cond_, &Kel::Kel_event_mutex_, &val);
-        }
-        Kel::unlock();
+        // A post or wake-up since `seen` means no sleep; see Kel::wait.
+        int ret = Kel::wait(&val, seen, queueIsEmpty, queue);
         if (ret == ETIMEDOUT) {
             timer->processTimer();
             return kNextTurn;

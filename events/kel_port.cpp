@@ -23,6 +23,8 @@ std::atomic<int> _g_users{0};
 // Guards the pools outside init..uninit. Never destroyed.
 pthread_mutex_t _g_spare_mutex = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<uint32_t> _g_wakeups{0};
+// True while the loop's thread is in (or entering) its timed wait.
+std::atomic<bool> _g_sleeping{false};
 
 // Takes the event mutex if it is alive, the spare one otherwise.
 // Memory ordering: the increment of _g_users and the load of _g_alive are
@@ -87,12 +89,29 @@ void Kel::lock() {
 void Kel::unlock() { releaseEventMutex(&Kel_event_mutex_); }
 
 void Kel::signal() {
+    // Memory ordering: the count goes up and then the sleeper flag is read,
+    // both sequentially consistent; the loop sets the flag and then reads the
+    // count (see wait). So either the loop sees this wake-up before it
+    // sleeps, or this call sees the loop asleep and signals it under the
+    // mutex, which the loop only gives up inside the wait. A busy loop costs
+    // a poster no lock.
+    _g_wakeups.fetch_add(1, std::memory_order_seq_cst);
+    if (!_g_sleeping.load(std::memory_order_seq_cst)) return;
     pthread_mutex_t* m = acquireEventMutex();
-    if (m == &Kel_event_mutex_) {
-        _g_wakeups.fetch_add(1, std::memory_order_release);
-        pthread_cond_signal(&Kel_event_cond_);
-    }
+    if (m == &Kel_event_mutex_) pthread_cond_signal(&Kel_event_cond_);
     releaseEventMutex(m);
+}
+
+int Kel::wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*), void* arg) {
+    int ret = 0;
+    lock();
+    _g_sleeping.store(true, std::memory_order_seq_cst);
+    if (stillIdle(arg) && _g_wakeups.load(std::memory_order_seq_cst) == seen) {
+        ret = pthread_cond_timedwait(&Kel_event_cond_, &Kel_event_mutex_, deadline);
+    }
+    _g_sleeping.store(false, std::memory_order_relaxed);
+    unlock();
+    return ret;
 }
 
 uint32_t Kel::wakeups() { return _g_wakeups.load(std::memory_order_acquire); }
