@@ -1,5 +1,7 @@
 #include "kel_timer.h"
 
+#include <memory>
+
 #include "common_log.h"
 #include "kel_port.h"
 
@@ -71,11 +73,14 @@ bool NodeTimer::isEmpty() { return next == this; }
 // --------------------------------------------------------------- KelTimer
 
 KelTimer::KelTimer() : root(), stone(), pool(), time_pool(nullptr) {
-    pthread_mutex_init(&mutex, nullptr);
-    time_pool = new NodeTimer[kPoolNodes];
+    // The nodes are owned here until the pool is registered: registering a
+    // pool too many asserts, and then nothing is left behind.
+    std::unique_ptr<NodeTimer[]> nodes(new NodeTimer[kPoolNodes]);
     root.next = &root;
     root.prev = &root;
-    pool.init(time_pool, sizeof(NodeTimer) * kPoolNodes, sizeof(NodeTimer));
+    pool.init(nodes.get(), sizeof(NodeTimer) * kPoolNodes, sizeof(NodeTimer));
+    time_pool = nodes.release();
+    pthread_mutex_init(&mutex, nullptr);
 }
 
 KelTimer::~KelTimer() {
