@@ -326,9 +326,12 @@ void QueuePrivate::append(DispatchItem* item) {
         head = item;
     }
     tail = item;
-    pthread_cond_broadcast(&cond);
     if (wakeup_fn == nullptr) interrupted = true;
     pthread_mutex_unlock(&lock);
+    // Broadcast after the unlock: a woken processing thread then finds the
+    // mutex free instead of going back to sleep on it. The caller holds a
+    // reference, so the body is still there.
+    pthread_cond_broadcast(&cond);
     wakeup();
 }
 
@@ -386,10 +389,15 @@ void QueuePrivate::procEventFunc() {
     if (item->asynchronous) {
         if (item->delobject) delete item->fn_data;
         gPool->recycle(item);
+        pthread_cond_broadcast(&cond);
     } else {
+        // The waiter in run() is woken with the mutex free, so it does not
+        // block again on it while this pass goes on.
         item->completed = true;
+        pthread_mutex_unlock(&lock);
+        pthread_cond_broadcast(&cond);
+        pthread_mutex_lock(&lock);
     }
-    pthread_cond_broadcast(&cond);
 }
 
 // Called with `lock` released.
