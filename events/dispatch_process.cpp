@@ -15,6 +15,7 @@ namespace dispatch {
 // ---------------------------------------------------------------------------
 // Records kept on the lists of a queue. Each lives in a node of the pool,
 // except the item of Queue::run, which lies on the waiting caller's stack.
+// They have no default constructors: every record is built from its callback.
 
 // One pending callback.
 struct DispatchItem {

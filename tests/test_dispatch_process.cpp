@@ -710,9 +710,16 @@ TEST_F(Dispatch, DestroyingAnArmedTimerTakesItsEntryAlong) {
         EXPECT_EQ(poolCounts().used, 1);
     }
     EXPECT_EQ(poolCounts().used, 0);
+
+    // Clearing the flag directly makes a pending entry inert until pruned.
+    Timer t2(&q);
+    t2.setHandler(FUNC(&Rec::hit), &a);
+    t2.restart(0);
+    t2.setIsRunning(false);
     std::this_thread::sleep_for(2ms);
     q.queueProcess(0);
     EXPECT_EQ(a.calls, 0);
+    EXPECT_EQ(poolCounts().used, 0) << "the inert entry was dropped when it came due";
 }
 
 // ---------------------------------------------------------------------------
