@@ -1,0 +1,236 @@
+// Dispatch queue against a plain mutex + condition-variable serial executor:
+// enqueue+process throughput, synchronous round trip, and the lateness of a
+// 10 ms one-shot timer.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "dispatch_process.h"
+
+using dispatch::FUNC;
+using dispatch::Object;
+using dispatch::Queue;
+using dispatch::Timer;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kBatch = 1000;
+
+// The baseline: one worker thread, a deque of tasks, one mutex, one condition.
+class CvExecutor {
+public:
+    typedef void (*Fn)(void*);
+
+    CvExecutor() : mThread([this] { loop(); }) {}
+    ~CvExecutor() {
+        {
+            std::lock_guard<std::mutex> g(mMutex);
+            mStop = true;
+        }
+        mCond.notify_one();
+        mThread.join();
+    }
+
+    void post(Fn fn, void* arg) {
+        {
+            std::lock_guard<std::mutex> g(mMutex);
+            mTasks.push_back({fn, arg});
+        }
+        mCond.notify_one();
+    }
+
+    // Runs `fn` on the worker and waits for it: a condition-variable hand-off.
+    void sync(Fn fn, void* arg) {
+        struct Done {
+            Done(Fn f, void* a) : fn(f), arg(a) {}
+            Fn fn;
+            void* arg;
+            std::mutex m;
+            std::condition_variable cv;
+            bool done = false;
+        } d(fn, arg);
+        post(
+            [](void* p) {
+                Done* d = static_cast<Done*>(p);
+                d->fn(d->arg);
+                std::lock_guard<std::mutex> g(d->m);
+                d->done = true;
+                d->cv.notify_one();
+            },
+            &d);
+        std::unique_lock<std::mutex> g(d.m);
+        d.cv.wait(g, [&] { return d.done; });
+    }
+
+private:
+    struct Task {
+        Fn fn;
+        void* arg;
+    };
+
+    void loop() {
+        std::unique_lock<std::mutex> g(mMutex);
+        for (;;) {
+            mCond.wait(g, [&] { return mStop || !mTasks.empty(); });
+            if (mTasks.empty()) return;
+            Task t = mTasks.front();
+            mTasks.pop_front();
+            g.unlock();
+            t.fn(t.arg);
+            g.lock();
+        }
+    }
+
+    std::mutex mMutex;
+    std::condition_variable mCond;
+    std::deque<Task> mTasks;
+    bool mStop = false;
+    std::thread mThread;
+};
+
+// Drives a dispatch queue with blocking processing calls on its own thread.
+class QueueDriver {
+public:
+    explicit QueueDriver(Queue& q) : mQueue(q), mThread([this] {
+        while (!mStop.load(std::memory_order_relaxed)) mQueue.queueProcess(1);
+    }) {}
+    ~QueueDriver() {
+        mStop = true;
+        mQueue.interrupt();
+        mThread.join();
+    }
+
+private:
+    Queue& mQueue;
+    std::atomic<bool> mStop{false};
+    std::thread mThread;
+};
+
+struct Counter : public Object {
+    void hit() { ++n; }
+    void noop() {}
+    long n = 0;
+};
+
+void cvCount(void* p) { ++static_cast<Counter*>(p)->n; }
+void cvNoop(void*) {}
+
+void BM_Throughput_Dispatch(benchmark::State& state) {
+    Queue q;
+    QueueDriver driver(q);
+    Counter c;
+    for (auto _ : state) {
+        for (int i = 0; i < kBatch; ++i) q.enqueue(FUNC(&Counter::hit), &c);
+        q.run(FUNC(&Counter::noop), &c);
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BM_Throughput_CvExecutor(benchmark::State& state) {
+    CvExecutor ex;
+    Counter c;
+    for (auto _ : state) {
+        for (int i = 0; i < kBatch; ++i) ex.post(cvCount, &c);
+        ex.sync(cvNoop, nullptr);
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BM_RoundTrip_Dispatch(benchmark::State& state) {
+    Queue q;
+    QueueDriver driver(q);
+    Counter c;
+    for (auto _ : state) q.run(FUNC(&Counter::noop), &c);
+}
+
+void BM_RoundTrip_CvExecutor(benchmark::State& state) {
+    CvExecutor ex;
+    for (auto _ : state) ex.sync(cvNoop, nullptr);
+}
+
+void reportLateness(benchmark::State& state, std::vector<double>& lateUs) {
+    std::sort(lateUs.begin(), lateUs.end());
+    if (lateUs.empty()) return;
+    state.counters["late_p50_us"] = lateUs[lateUs.size() / 2];
+    state.counters["late_p99_us"] = lateUs[(lateUs.size() * 99) / 100];
+}
+
+struct Fired : public Object {
+    void fire() {
+        at = Clock::now();
+        std::lock_guard<std::mutex> g(m);
+        done = true;
+        cv.notify_one();
+    }
+    void await() {
+        std::unique_lock<std::mutex> g(m);
+        cv.wait(g, [&] { return done; });
+        done = false;
+    }
+    Clock::time_point at;
+    std::mutex m;
+    std::condition_variable cv;
+    bool done = false;
+};
+
+void BM_TimerLateness10ms_Dispatch(benchmark::State& state) {
+    Queue q;
+    QueueDriver driver(q);
+    Timer t(&q);
+    Fired f;
+    t.setHandler(FUNC(&Fired::fire), &f);
+    std::vector<double> late;
+    for (auto _ : state) {
+        Clock::time_point due = Clock::now() + std::chrono::milliseconds(10);
+        t.restart(10);
+        f.await();
+        late.push_back(std::chrono::duration<double, std::micro>(f.at - due).count());
+    }
+    t.stop();
+    reportLateness(state, late);
+}
+
+// The baseline timer: a worker sleeping in a timed condition wait.
+void BM_TimerLateness10ms_CvExecutor(benchmark::State& state) {
+    CvExecutor ex;
+    std::vector<double> late;
+    struct Sleep {
+        Clock::time_point due;
+        Clock::time_point at;
+    } s;
+    for (auto _ : state) {
+        s.due = Clock::now() + std::chrono::milliseconds(10);
+        ex.sync(
+            [](void* p) {
+                Sleep* s = static_cast<Sleep*>(p);
+                std::mutex m;
+                std::condition_variable cv;
+                std::unique_lock<std::mutex> g(m);
+                while (cv.wait_until(g, s->due) != std::cv_status::timeout) {
+                }
+                s->at = Clock::now();
+            },
+            &s);
+        late.push_back(std::chrono::duration<double, std::micro>(s.at - s.due).count());
+    }
+    reportLateness(state, late);
+}
+
+}  // namespace
+
+BENCHMARK(BM_Throughput_Dispatch)->UseRealTime();
+BENCHMARK(BM_Throughput_CvExecutor)->UseRealTime();
+BENCHMARK(BM_RoundTrip_Dispatch)->UseRealTime();
+BENCHMARK(BM_RoundTrip_CvExecutor)->UseRealTime();
+BENCHMARK(BM_TimerLateness10ms_Dispatch)->Iterations(200)->UseRealTime();
+BENCHMARK(BM_TimerLateness10ms_CvExecutor)->Iterations(200)->UseRealTime();
+
+BENCHMARK_MAIN();

@@ -1,0 +1,774 @@
+#include "dispatch_process.h"
+
+#include <pthread.h>
+#include <string.h>
+
+#include <new>
+
+#include "common_log.h"
+#include "kel_atomic.h"
+#include "kel_mutex.h"
+#include "list_table.h"
+
+namespace dispatch {
+
+// ---------------------------------------------------------------------------
+// Records kept on the lists of a queue. Each lives in a node of the pool,
+// except the item of Queue::run, which lies on the waiting caller's stack.
+// They have no default constructors: every record is built from its callback.
+
+// One pending callback.
+struct DispatchItem {
+    DispatchItem(Object::Callback1 f, Object* data, bool async, bool merge, bool compe = false)
+        : asynchronous(async),
+          mergeable(merge),
+          completed(compe),
+          delobject(false),
+          fn(f),
+          fn_data(data),
+          next(nullptr) {}
+
+    bool asynchronous;  // the queue owns the item and recycles it after the call
+    bool mergeable;     // an equal pending mergeable item makes this one superfluous
+    bool completed;     // the call of a run() item has returned (or was cancelled)
+    bool delobject;     // fn_data is deleted after the call
+    Object::Callback1 fn;
+    Object* fn_data;
+    DispatchItem* next;
+};
+
+// One pending timer entry; the timer list runs through `next`, sorted by
+// deadline.
+struct ItemTimer : public DispatchItem {
+    ItemTimer(Object::Callback1 f, Object* data, bool, bool)
+        : DispatchItem(f, data, true, false, false), that(nullptr), tiggerTime(0) {}
+
+    Timer* that;
+    int64_t tiggerTime;  // deadline, microseconds on the clock of timeUs()
+};
+
+// One posted loop event.
+struct LoopEvtItem {
+    Loop::Evt evt;
+    LoopEvtItem* next;
+};
+
+namespace {
+
+inline ItemTimer* nextTimer(const ItemTimer* t) { return static_cast<ItemTimer*>(t->next); }
+
+// ---------------------------------------------------------------------------
+// Process-wide store of fixed-size nodes. Grows by one node whenever a take
+// finds it empty, never shrinks. mMtx is a leaf lock: callers may hold a
+// queue's mutex, never the other way round.
+
+constexpr size_t maxOf(size_t a, size_t b, size_t c) {
+    return a > b ? (a > c ? a : c) : (b > c ? b : c);
+}
+
+class NodePool {
+public:
+    struct Node {
+        static constexpr size_t kSize = maxOf(sizeof(DispatchItem), sizeof(ItemTimer), sizeof(LoopEvtItem));
+        static constexpr size_t kAlign =
+            maxOf(alignof(DispatchItem), alignof(ItemTimer), alignof(LoopEvtItem));
+
+        alignas(kAlign) char a[kSize];
+
+        template <typename T>
+        T* get() {
+            return reinterpret_cast<T*>(a);
+        }
+    };
+
+    NodePool() : mCount(0), mUsed(0) {}
+
+    // A node built as a T (DispatchItem or ItemTimer). Any thread.
+    template <typename T>
+    T* getNode(Object::Callback1 fn, Object* data, bool async, bool merge) {
+        Autolock guard(&mMtx);
+        return new (take()->get<T>()) T(fn, data, async, merge);
+    }
+
+    // A node holding a copy of `e`, with `next` null. Any thread.
+    LoopEvtItem* getLoopNode(Loop::Evt& e) {
+        Autolock guard(&mMtx);
+        return new (take()->get<LoopEvtItem>()) LoopEvtItem{e, nullptr};
+    }
+
+    // Takes back a record that getNode or getLoopNode handed out, exactly
+    // once. Its bytes stay as they are until the node is handed out again.
+    void recycle(void* item) {
+        Autolock guard(&mMtx);
+        ListTable<Node>::iterator it(ListTable<Node>::ListItem::fromData(static_cast<Node*>(item)));
+        mPools.push_back(it);
+        mUsed.store(mUsed.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    }
+
+    // A snapshot of the counters, read without the lock.
+    void profile() {
+        KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", mUsed.load(std::memory_order_relaxed),
+                mCount.load(std::memory_order_relaxed));
+    }
+
+private:
+    // Caller holds mMtx. If the heap fails, the exception leaves the
+    // counters as they were.
+    Node* take() {
+        if (mPools.empty()) {
+            Node blank;
+            memset(&blank, 0, sizeof blank);
+            mPools.push_back(blank);
+            mCount.store(mCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        }
+        ListTable<Node>::iterator it = mPools.pop_back();
+        mUsed.store(mUsed.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        return &*it;
+    }
+
+    // Memory ordering: relaxed. Both are written only under mMtx; profile()
+    // reads them unlocked for a log line that may be stale.
+    std::atomic<int> mCount;
+    std::atomic<int> mUsed;
+    KelMutex mMtx;
+    ListTable<Node> mPools;
+};
+
+// The node is sized for the largest record and aligned for the strictest;
+// on a 32-bit target that is an ItemTimer of exactly 32 bytes with an
+// int64_t inside.
+static_assert(sizeof(NodePool::Node) >= sizeof(DispatchItem), "node too small for DispatchItem");
+static_assert(sizeof(NodePool::Node) >= sizeof(ItemTimer), "node too small for ItemTimer");
+static_assert(sizeof(NodePool::Node) >= sizeof(LoopEvtItem), "node too small for LoopEvtItem");
+static_assert(alignof(NodePool::Node) >= alignof(ItemTimer), "node not aligned for ItemTimer");
+static_assert(alignof(NodePool::Node) >= alignof(int64_t), "node not aligned for int64_t");
+static_assert(alignof(NodePool::Node) >= alignof(LoopEvtItem), "node not aligned for LoopEvtItem");
+static_assert(sizeof(void*) != 4 || sizeof(NodePool::Node) == 32, "32-bit node must be 32 bytes");
+
+// Made by the first queue; lives to the end of the process.
+NodePool* gPool = nullptr;
+
+// ---------------------------------------------------------------------------
+// Time, all on CLOCK_MONOTONIC.
+
+void getRealtime(timespec* out_ts) { clock_gettime(CLOCK_MONOTONIC, out_ts); }
+
+int64_t timeUs() {
+    timespec ts;
+    KEL_ASSERT(clock_gettime(CLOCK_MONOTONIC, &ts) == 0);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+timespec timeUsToTimespec(int64_t time_us) {
+    timespec now;
+    getRealtime(&now);
+    return internal::timespecAfter(now, time_us);
+}
+
+// A delay in ms as microseconds. The product is a 32-bit signed value, which
+// is why delays are limited to 2147483 ms; it wraps rather than overflows.
+int64_t periodUs(int msec) {
+    return static_cast<int32_t>(static_cast<uint32_t>(msec) * 1000u);
+}
+
+// Locks a pthread mutex for a scope, also when an exception passes.
+class MutexGuard {
+public:
+    explicit MutexGuard(pthread_mutex_t* m) : mMutex(m) { pthread_mutex_lock(mMutex); }
+    ~MutexGuard() { pthread_mutex_unlock(mMutex); }
+    MutexGuard(const MutexGuard&) = delete;
+    MutexGuard& operator=(const MutexGuard&) = delete;
+
+private:
+    pthread_mutex_t* mMutex;
+};
+
+}  // namespace
+
+// A check made with the queue's mutex held: the mutex is released before the
+// assertion fires, so a misuse caught here leaves the queue usable.
+#define DISPATCH_CHECK_UNLOCK(cond, mtx)                                                     \
+    do {                                                                                     \
+        if (__builtin_expect(!(cond), 0)) {                                                  \
+            pthread_mutex_unlock(mtx);                                                       \
+            KEL_ASSERT_FAIL();                                                               \
+        }                                                                                    \
+    } while (0)
+
+timespec internal::timespecAfter(const timespec& now, int64_t time_us) {
+    int64_t diff_secs = time_us / 1000000;
+    int64_t diff_nsecs = (time_us - diff_secs * 1000000) * 1000;
+    if (diff_nsecs < 0) {
+        diff_secs -= 1;
+        diff_nsecs += 1000000000;
+    }
+    if (now.tv_nsec + diff_nsecs > 999999999) {
+        diff_secs += 1;
+        diff_nsecs -= 1000000000;
+    }
+    if (diff_secs > 10000000) diff_secs = 10000000;
+    timespec ts = now;
+    ts.tv_sec += static_cast<time_t>(diff_secs);
+    ts.tv_nsec += static_cast<long>(diff_nsecs);
+    return ts;
+}
+
+// ---------------------------------------------------------------------------
+// The body of a queue, shared by its Queue, Timers and Loops.
+
+class QueuePrivate : public Object {
+public:
+    QueuePrivate();
+
+    QueuePrivate* ref() {
+        refCount.inc();
+        return this;
+    }
+    void unref();
+
+    void append(DispatchItem* item);
+    void remove(Object::Callback1 fn, Object* fn_data);
+    void procEventFunc();
+    void wakeup();
+    // Ends the loop of Loop::exec; runs on the loop's thread through run().
+    void interrupt() { exitLoop.store(true, std::memory_order_relaxed); }
+
+    void appendTimer(Timer* that);
+    void _appendTimer(ItemTimer* item);
+    void removeTimer(Timer* timer);
+    int64_t getWait();
+    bool haveTigger();
+    void procTimer();
+
+    // For lock-rule checks in debug builds: the mutex is held by someone.
+    bool mutexHeld() {
+        if (pthread_mutex_trylock(&lock) != 0) return true;
+        pthread_mutex_unlock(&lock);
+        return false;
+    }
+
+    DispatchItem* head = nullptr;
+    DispatchItem* tail = nullptr;
+    ItemTimer* timerhead = nullptr;
+    LoopEvtItem* loopHead = nullptr;
+    LoopEvtItem* loopTail = nullptr;
+    pthread_mutex_t lock;
+    pthread_cond_t cond;
+    Object::Callback1 wakeup_fn = nullptr;
+    Object* wakeup_ctx = nullptr;
+    int64_t wait = 0;
+    bool interrupted = false;
+    bool in_process = false;
+    pthread_t in_process_thread = 0;
+    bool locked = false;
+    size_t lock_requests = 0;
+    bool locked_explicit = false;
+    pthread_t locked_explicit_thread = 0;
+    bool timerProc = false;
+    // Memory ordering: relaxed. Written and read on the thread in
+    // Loop::exec (by exec itself and by interrupt() run through the queue);
+    // atomic only so that a queue processed elsewhere stays well defined.
+    std::atomic<bool> exitLoop{false};
+
+private:
+    ~QueuePrivate() override;
+
+    KelAtomic<unsigned int> refCount{1};
+};
+
+QueuePrivate::QueuePrivate() {
+    pthread_condattr_t attr;
+    KEL_ASSERT(pthread_condattr_init(&attr) == 0);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_mutex_init(&lock, nullptr);
+    pthread_cond_init(&cond, &attr);
+    pthread_condattr_destroy(&attr);
+    if (gPool == nullptr) gPool = new NodePool;
+}
+
+// A destructor cannot hand an exception to anyone: a body destroyed with work
+// pending, a thread processing or an explicit lock in play ends the process
+// through std::terminate, with the usual assertion text as the reason.
+QueuePrivate::~QueuePrivate() {
+    KEL_ASSERT(head == nullptr);
+    KEL_ASSERT(!in_process);
+    KEL_ASSERT(lock_requests == 0);
+    KEL_ASSERT(!locked);
+    while (timerhead != nullptr) {
+        ItemTimer* t = timerhead;
+        timerhead = nextTimer(t);
+        gPool->recycle(t);
+    }
+    pthread_cond_destroy(&cond);
+    pthread_mutex_destroy(&lock);
+}
+
+void QueuePrivate::unref() {
+    if (refCount.dec() == 0) {
+        KEL_LOG(LOG_INFO, "release queue private.");
+        delete this;
+    }
+}
+
+void QueuePrivate::append(DispatchItem* item) {
+    pthread_mutex_lock(&lock);
+    if (item->mergeable) {
+        for (DispatchItem* p = head; p != nullptr; p = p->next) {
+            if (p->mergeable && p->fn == item->fn && p->fn_data == item->fn_data) {
+                gPool->recycle(item);
+                pthread_mutex_unlock(&lock);
+                return;
+            }
+        }
+    }
+    if (tail != nullptr) {
+        tail->next = item;
+    } else {
+        head = item;
+    }
+    tail = item;
+    if (wakeup_fn == nullptr) interrupted = true;
+    pthread_mutex_unlock(&lock);
+    // Broadcast after the unlock: a woken processing thread then finds the
+    // mutex free instead of going back to sleep on it. The caller holds a
+    // reference, so the body is still there.
+    pthread_cond_broadcast(&cond);
+    wakeup();
+}
+
+// Caller holds `lock`.
+void QueuePrivate::remove(Object::Callback1 fn, Object* fn_data) {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    bool releasedWaiter = false;
+    DispatchItem* prev = nullptr;
+    DispatchItem* p = head;
+    tail = nullptr;
+    while (p != nullptr) {
+        DispatchItem* next = p->next;
+        if (p->fn == fn && p->fn_data == fn_data) {
+            if (prev != nullptr) {
+                prev->next = next;
+            } else {
+                head = next;
+            }
+            p->next = nullptr;
+            if (p->asynchronous) {
+                gPool->recycle(p);
+            } else {
+                // The item of a thread in run(): it lives on that thread's
+                // stack, so it is never recycled. It is marked completed
+                // without being called, and the waiter returns.
+                p->completed = true;
+                releasedWaiter = true;
+            }
+        } else {
+            tail = p;
+            prev = p;
+        }
+        p = next;
+    }
+    if (releasedWaiter) pthread_cond_broadcast(&cond);
+}
+
+// Caller holds `lock`, and `head` is set.
+void QueuePrivate::procEventFunc() {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    DispatchItem* item = head;
+    head = item->next;
+    if (head == nullptr) tail = nullptr;
+    item->next = nullptr;
+
+    KEL_ASSERT(!locked);
+    locked = true;
+    pthread_mutex_unlock(&lock);
+
+    (item->fn_data->*item->fn)();
+
+    pthread_mutex_lock(&lock);
+    KEL_ASSERT(locked);
+    locked = false;
+    if (item->asynchronous) {
+        if (item->delobject) delete item->fn_data;
+        gPool->recycle(item);
+        pthread_cond_broadcast(&cond);
+    } else {
+        // The waiter in run() is woken with the mutex free, so it does not
+        // block again on it while this pass goes on.
+        item->completed = true;
+        pthread_mutex_unlock(&lock);
+        pthread_cond_broadcast(&cond);
+        pthread_mutex_lock(&lock);
+    }
+}
+
+// Called with `lock` released.
+void QueuePrivate::wakeup() {
+    if (wakeup_fn != nullptr) (wakeup_ctx->*wakeup_fn)();
+}
+
+// Caller holds `lock`. May throw std::bad_alloc, with nothing changed.
+void QueuePrivate::appendTimer(Timer* that) {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    ItemTimer* item = gPool->getNode<ItemTimer>(that->fn, that->ctx, true, false);
+    item->tiggerTime = timeUs() + periodUs(that->mMSec);
+    item->that = that;
+    _appendTimer(item);
+}
+
+// Caller holds `lock`. Equal deadlines keep their order of insertion.
+void QueuePrivate::_appendTimer(ItemTimer* item) {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    ItemTimer* prev = nullptr;
+    ItemTimer* p = timerhead;
+    while (p != nullptr && p->tiggerTime <= item->tiggerTime) {
+        prev = p;
+        p = nextTimer(p);
+    }
+    item->next = p;
+    if (prev != nullptr) {
+        prev->next = item;
+    } else {
+        timerhead = item;
+    }
+}
+
+// Caller holds `lock`. While a timer callback runs, the item at the head
+// belongs to procTimer and stays.
+void QueuePrivate::removeTimer(Timer* timer) {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    if (timer->isRunning()) return;
+    ItemTimer* prev = nullptr;
+    ItemTimer* p = timerhead;
+    if (timerProc && p != nullptr) {
+        prev = p;
+        p = nextTimer(p);
+    }
+    while (p != nullptr) {
+        ItemTimer* next = nextTimer(p);
+        if (p->that == timer) {
+            if (prev != nullptr) {
+                prev->next = next;
+            } else {
+                timerhead = next;
+            }
+            gPool->recycle(p);
+        } else {
+            prev = p;
+        }
+        p = next;
+    }
+}
+
+// Caller holds `lock`. While a timer callback runs, the answer is for the
+// entries behind the one firing, and that one is never pruned here: only
+// procTimer takes it off.
+int64_t QueuePrivate::getWait() {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    ItemTimer* held = (timerProc && timerhead != nullptr) ? timerhead : nullptr;
+    ItemTimer* first = held != nullptr ? nextTimer(held) : timerhead;
+    while (first != nullptr && !first->that->isRunning()) {
+        ItemTimer* next = nextTimer(first);
+        gPool->recycle(first);
+        first = next;
+    }
+    if (held != nullptr) {
+        held->next = first;
+    } else {
+        timerhead = first;
+    }
+    if (first == nullptr) return INT64_MAX;
+    return first->tiggerTime - timeUs();
+}
+
+// Caller holds `lock`.
+bool QueuePrivate::haveTigger() {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    return timerhead != nullptr && timerhead->tiggerTime < timeUs();
+}
+
+// Caller holds `lock`; it is released around the callback.
+void QueuePrivate::procTimer() {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    ItemTimer* cur;
+    for (;;) {
+        cur = timerhead;
+        if (cur == nullptr) return;
+        if (cur->that->isRunning()) break;
+        timerhead = nextTimer(cur);
+        gPool->recycle(cur);
+    }
+    if (timeUs() < cur->tiggerTime) return;
+
+    KEL_ASSERT(!timerProc);
+    timerProc = true;
+    pthread_mutex_unlock(&lock);
+
+    (cur->fn_data->*cur->fn)();
+
+    pthread_mutex_lock(&lock);
+    KEL_ASSERT(timerProc);
+    timerProc = false;
+    pthread_cond_broadcast(&cond);
+    timerhead = nextTimer(cur);
+
+    Timer* t = cur->that;
+    bool rearm = t->isRunning() && t->repeat();
+    // A repeating timer restarted from its own callback already has its new
+    // entry on the list; that one counts and the running entry goes, so the
+    // timer never has two entries pending.
+    for (ItemTimer* p = timerhead; rearm && p != nullptr; p = nextTimer(p)) {
+        if (p->that == t) rearm = false;
+    }
+    if (rearm) {
+        cur->tiggerTime = timeUs() + periodUs(t->mMSec);
+        _appendTimer(cur);
+    } else {
+        gPool->recycle(cur);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Queue
+
+Queue::Queue() : d(new QueuePrivate) {}
+
+Queue::~Queue() { d->unref(); }
+
+int64_t Queue::getNeedWait() {
+    MutexGuard guard(&d->lock);
+    return d->getWait();
+}
+
+void Queue::setWakeupFn(Object::Callback1 wakeup_fn, Object* ctx) {
+    d->wakeup_fn = wakeup_fn;
+    d->wakeup_ctx = ctx;
+}
+
+void Queue::enqueue(Object::Callback1 fn, Object* fn_data) {
+    KEL_ASSERT(fn_data != nullptr);
+    d->append(gPool->getNode<DispatchItem>(fn, fn_data, true, false));
+}
+
+void Queue::enqueueAutofree(Object::Callback1 fn, Object* fn_data) {
+    KEL_ASSERT(fn_data != nullptr);
+    DispatchItem* item = gPool->getNode<DispatchItem>(fn, fn_data, true, false);
+    item->delobject = true;
+    d->append(item);
+}
+
+void Queue::enqueueNotify(Object::Callback1 fn, Object* fn_data) {
+    KEL_ASSERT(fn_data != nullptr);
+    d->append(gPool->getNode<DispatchItem>(fn, fn_data, true, true));
+}
+
+void Queue::cancelFn(Object::Callback1 fn, Object* fn_data) {
+    KEL_ASSERT(fn_data != nullptr);
+    MutexGuard guard(&d->lock);
+    d->remove(fn, fn_data);
+}
+
+void Queue::run(Object::Callback1 fn, Object* fn_data) {
+    KEL_ASSERT(fn_data != nullptr);
+    DispatchItem item(fn, fn_data, false, false, false);
+    d->append(&item);
+    pthread_mutex_lock(&d->lock);
+    while (!item.completed) pthread_cond_wait(&d->cond, &d->lock);
+    pthread_mutex_unlock(&d->lock);
+}
+
+void Queue::queueProcess(int timeout) {
+    const bool needWait = timeout > 0;
+    pthread_mutex_lock(&d->lock);
+    DISPATCH_CHECK_UNLOCK(!d->in_process, &d->lock);
+    d->in_process = true;
+    d->in_process_thread = pthread_self();
+    if (d->lock_requests != 0) pthread_cond_broadcast(&d->cond);
+
+    for (;;) {
+        if (d->lock_requests != 0) {
+            pthread_cond_wait(&d->cond, &d->lock);
+        } else if (d->head != nullptr) {
+            d->procEventFunc();
+        } else if (d->haveTigger()) {
+            d->procTimer();
+        } else if (!d->interrupted && needWait) {
+            d->wait = d->getWait();
+            if (d->wait < 1) continue;
+            timespec until = timeUsToTimespec(d->wait);
+            pthread_cond_timedwait(&d->cond, &d->lock, &until);
+        } else {
+            break;
+        }
+    }
+
+    KEL_ASSERT(!d->locked);
+    d->in_process = false;
+    d->interrupted = false;
+    pthread_mutex_unlock(&d->lock);
+}
+
+void Queue::interrupt() {
+    MutexGuard guard(&d->lock);
+    d->interrupted = true;
+    pthread_cond_broadcast(&d->cond);
+}
+
+void Queue::adjustTimeout(long until) {
+    MutexGuard guard(&d->lock);
+    if (d->in_process && static_cast<int64_t>(until) < d->wait) {
+        d->wait = until;
+        pthread_cond_broadcast(&d->cond);
+    }
+}
+
+void Queue::lock() {
+    const pthread_t self = pthread_self();
+    pthread_mutex_lock(&d->lock);
+    if (d->in_process) DISPATCH_CHECK_UNLOCK(!pthread_equal(d->in_process_thread, self), &d->lock);
+    if (d->locked_explicit) {
+        DISPATCH_CHECK_UNLOCK(!pthread_equal(d->locked_explicit_thread, self), &d->lock);
+    }
+    d->lock_requests++;
+    while (!d->in_process) {
+        pthread_mutex_unlock(&d->lock);
+        d->wakeup();
+        pthread_mutex_lock(&d->lock);
+        if (d->in_process) break;
+        pthread_cond_wait(&d->cond, &d->lock);
+    }
+    while (!d->in_process || d->locked) pthread_cond_wait(&d->cond, &d->lock);
+    KEL_ASSERT(d->lock_requests != 0);
+    KEL_ASSERT(!d->locked);
+    KEL_ASSERT(!d->locked_explicit);
+    d->locked = true;
+    d->locked_explicit = true;
+    d->locked_explicit_thread = self;
+    pthread_mutex_unlock(&d->lock);
+}
+
+void Queue::unlock() {
+    pthread_mutex_lock(&d->lock);
+    DISPATCH_CHECK_UNLOCK(d->locked && d->locked_explicit &&
+                              pthread_equal(d->locked_explicit_thread, pthread_self()),
+                          &d->lock);
+    d->locked = false;
+    d->locked_explicit = false;
+    d->lock_requests--;
+    pthread_cond_broadcast(&d->cond);
+    pthread_mutex_unlock(&d->lock);
+}
+
+void Queue::profile() { gPool->profile(); }
+
+// ---------------------------------------------------------------------------
+// Timer
+
+Timer::Timer(Queue* q)
+    : d(q->d->ref()), mIsRunning(false), mRepeat(false), mMSec(0), fn(nullptr), ctx(nullptr) {}
+
+// Entries left on the list are removed here, so an armed timer may be
+// destroyed without stopping it first (outside its own callback).
+Timer::~Timer() {
+    {
+        MutexGuard guard(&d->lock);
+        mIsRunning.store(false, std::memory_order_relaxed);
+        d->removeTimer(this);
+    }
+    d->unref();
+}
+
+void Timer::setHandler(Object::Callback1 f, Object* c) {
+    fn = f;
+    ctx = c;
+}
+
+// The new entry is made before the timer counts as running again, so a heap
+// failure leaves the timer stopped and the queue's mutex released.
+void Timer::restart(int msec) {
+    KEL_ASSERT(fn != nullptr);
+    MutexGuard guard(&d->lock);
+    mMSec = msec;
+    mIsRunning.store(false, std::memory_order_relaxed);
+    d->removeTimer(this);
+    d->appendTimer(this);
+    mIsRunning.store(true, std::memory_order_relaxed);
+    pthread_cond_broadcast(&d->cond);
+}
+
+void Timer::stop() {
+    MutexGuard guard(&d->lock);
+    mIsRunning.store(false, std::memory_order_relaxed);
+    if (!d->timerProc) d->removeTimer(this);
+}
+
+bool Timer::isRunning() const { return mIsRunning.load(std::memory_order_relaxed); }
+
+// The flag alone: true makes a stopped entry still on the list fire again,
+// false makes pending entries inert until they are pruned.
+void Timer::setIsRunning(bool running) { mIsRunning.store(running, std::memory_order_relaxed); }
+
+bool Timer::repeat() const { return mRepeat.load(std::memory_order_relaxed); }
+
+void Timer::setRepeat(bool rep) { mRepeat.store(rep, std::memory_order_relaxed); }
+
+// ---------------------------------------------------------------------------
+// Loop
+
+Loop::Loop() : d(nullptr), q(nullptr) {}
+
+Loop::~Loop() {
+    KEL_ASSERT(q != nullptr && d != nullptr);
+    d->unref();
+}
+
+void Loop::setQueue(Queue* queue) {
+    q = queue;
+    d = queue->d->ref();
+}
+
+void Loop::put(Evt& e, bool front) {
+    LoopEvtItem* item = gPool->getLoopNode(e);
+    MutexGuard guard(&d->lock);
+    if (front) {
+        item->next = d->loopHead;
+        if (d->loopHead == nullptr) d->loopTail = item;
+        d->loopHead = item;
+    } else {
+        if (d->loopTail != nullptr) {
+            d->loopTail->next = item;
+        } else {
+            d->loopHead = item;
+        }
+        d->loopTail = item;
+    }
+    d->interrupted = true;
+    pthread_cond_broadcast(&d->cond);
+}
+
+void Loop::post(Evt& e) { put(e, false); }
+
+void Loop::postFIFO(Evt& e) { put(e, true); }
+
+void Loop::exec() {
+    KEL_ASSERT(q != nullptr && d != nullptr);
+    d->exitLoop.store(false, std::memory_order_relaxed);
+    while (!d->exitLoop.load(std::memory_order_relaxed)) {
+        q->queueProcess(1);
+        pthread_mutex_lock(&d->lock);
+        while (d->loopHead != nullptr) {
+            LoopEvtItem* item = d->loopHead;
+            d->loopHead = item->next;
+            if (d->loopHead == nullptr) d->loopTail = nullptr;
+            item->next = nullptr;
+            pthread_mutex_unlock(&d->lock);
+            procSubMsg(item->evt);
+            gPool->recycle(item);
+            pthread_mutex_lock(&d->lock);
+        }
+        pthread_mutex_unlock(&d->lock);
+    }
+}
+
+void Loop::exit() { q->run(FUNC(&QueuePrivate::interrupt), d); }
+
+}  // namespace dispatch
