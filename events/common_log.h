@@ -13,7 +13,7 @@
 #define KEL_EVENTS_COMMON_LOG_H
 
 #include "kel_export.h"
-#include "../log/msg_logger.h"
+#include "msg_logger.h"
 
 extern "C" {
 // Failure call of every run-time check. `file_len` and `func_len` are
