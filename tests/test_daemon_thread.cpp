@@ -258,17 +258,39 @@ TEST(DaemonThread, SetNameWorksOnlyFromRunAndLastsOnePass) {
 
 namespace {
 
-// Holds the next pooled thread that logs "Wait end", i.e. one that has been
-// woken but has not yet looked at its task.
-std::atomic<bool> gHoldArmed{false};
-std::atomic<bool> gHeld{false};
-std::atomic<bool> gRelease{false};
+// Holds pooled threads that log "Wait end", i.e. that have been woken but
+// have not yet looked at their task: the first such thread, then only that
+// one again, as long as holds are left. Hold n ends when gReleased reaches n.
+std::atomic<int> gHoldsLeft{0}, gHeld{0}, gReleased{0};
+std::atomic<long> gHoldTid{0};
 
 void holdingLogger(const char*, int, const char*, int, int, int, const char* fmt, ...) {
-    if (strcmp(fmt, "Wait end") == 0 && gHoldArmed.exchange(false)) {
-        gHeld = true;
-        while (!gRelease.load()) usleep(100);
+    if (strcmp(fmt, "Wait end") != 0) return;
+    long me = probe::tid();
+    long want = gHoldTid.load();
+    if (want != 0 && want != me) return;
+    int left = gHoldsLeft.load();
+    while (left > 0) {
+        if (gHoldsLeft.compare_exchange_weak(left, left - 1)) {
+            gHoldTid = me;
+            int n = gHeld.fetch_add(1) + 1;
+            while (gReleased.load() < n) usleep(100);
+            return;
+        }
     }
+}
+
+void runTogether(Task& x, Task& y) {
+    probe::Gate gate;
+    x.onRun = y.onRun = [&](Task&) { gate.wait(); };
+    int ex = x.exits.load(), ey = y.exits.load();
+    ASSERT_TRUE(x.start());
+    ASSERT_TRUE(y.start());
+    ASSERT_TRUE(probe::waitFor([&] { return x.isRunning() && y.isRunning(); }));
+    EXPECT_NE(x.runTid.load(), y.runTid.load());
+    gate.open();
+    ASSERT_TRUE(probe::waitFor([&] { return x.exits.load() > ex && y.exits.load() > ey; }));
+    ASSERT_TRUE(probe::waitFor(poolIdle));
 }
 
 }  // namespace
@@ -276,39 +298,34 @@ void holdingLogger(const char*, int, const char*, int, int, int, const char* fmt
 TEST(DaemonThread, TaskUnboundBeforeItsThreadLooksLeavesOneFreeEntry) {
     KelLogFunction old = __logprintf;
     __logprintf = holdingLogger;  // before any pooled thread exists
-    int base = probe::taskCount() - kel_pool_counts().alive;
-    {
-        Task warm;
-        ASSERT_TRUE(warm.start());
-        ASSERT_TRUE(probe::waitFor([&] { return warm.exits.load() == 1; }));
-        ASSERT_TRUE(probe::waitFor(poolIdle));
-    }
-    gHoldArmed = true;
+    int base = probe::taskCount();
+    Task x, y;
+    runTogether(x, y);  // two free threads, P (front) and Q
+
+    gHoldsLeft = 2;
     Task* doomed = new Task;
-    ASSERT_TRUE(doomed->start());
-    ASSERT_TRUE(probe::waitFor([] { return gHeld.load(); }));
-    // Woken, not yet looking: leave a pending request, then unbind.
+    ASSERT_TRUE(doomed->start());  // hands out P
+    ASSERT_TRUE(probe::waitFor([] { return gHeld.load() == 1; }));
+    // P is woken but has not looked yet: leave a pending request, unbind.
     EXPECT_TRUE(doomed->start());
     delete doomed;
-    gRelease = true;
-    // The thread makes passes without a task: one that frees it, one for the
-    // pending request that it takes for a wake-up while already free.
+    gReleased = 1;
+    // P finds no task and goes back to the free list, behind Q; the pending
+    // request wakes it again at once, and it is held while already free.
+    ASSERT_TRUE(probe::waitFor([] { return gHeld.load() == 2; }));
+    Task z;
+    ASSERT_TRUE(z.start());  // takes Q, which then goes behind P
+    ASSERT_TRUE(probe::waitFor([&] { return z.exits.load() == 1; }));
     ASSERT_TRUE(probe::waitFor(poolIdle));
+    gReleased = 2;  // P makes a second pass without a task while free
     usleep(50 * 1000);
     KelPoolCounts c = kel_pool_counts();
     EXPECT_EQ(c.used, 0);
-    EXPECT_EQ(c.free, 1);
-    EXPECT_EQ(c.alive, 1);
-    // Were the record in the free list twice, both tasks would get it.
-    probe::Gate gate;
-    Task x, y;
-    x.onRun = y.onRun = [&](Task&) { gate.wait(); };
-    ASSERT_TRUE(x.start());
-    ASSERT_TRUE(y.start());
-    ASSERT_TRUE(probe::waitFor([&] { return x.isRunning() && y.isRunning(); }));
-    EXPECT_NE(x.runTid.load(), y.runTid.load());
-    gate.open();
-    ASSERT_TRUE(probe::waitFor([&] { return x.exits.load() == 1 && y.exits.load() == 1; }));
+    EXPECT_EQ(c.free, 2);
+    EXPECT_EQ(c.alive, 2);
+    // A record listed twice would be handed to both tasks.
+    runTogether(x, y);
+    EXPECT_EQ(kel_pool_counts().alive, 2);
     expectQuiescentPool(base);
     __logprintf = old;
 }
