@@ -61,6 +61,14 @@ struct DaemonThreadPrivate {
     bool mOrphan;                  // the thread lived in the parent of a fork
     DaemonThreadPrivate* mLeftNext;  // chain of records kept past teardown
 
+    // Who disposes of the thread at process exit: the teardown joins a
+    // thread that has already left its loop; a thread that leaves after the
+    // teardown gave up on it detaches itself.
+    // Memory ordering: acq_rel exchanges on both sides, so exactly one side
+    // sees the other's mark.
+    enum { kLive, kLeftLoop, kAbandoned };
+    std::atomic<int> mEnd;
+
     // Own thread only.
     bool mRenamed;
     unsigned mIndex;
@@ -155,6 +163,7 @@ DaemonThreadPrivate::DaemonThreadPrivate(DaemonThread* parent)
       mJoinable(false),
       mOrphan(false),
       mLeftNext(nullptr),
+      mEnd(kLive),
       mRenamed(false),
       mIndex(_gThreadPool.mNextIndex++) {
     pthread_condattr_t attr;
@@ -245,6 +254,9 @@ void* DaemonThreadPrivate::callback(void* arg) {
     }
     self->mRunning.store(false, std::memory_order_release);
     // The record may be freed from here on: touch it no more.
+    if (self->mEnd.exchange(kLeftLoop, std::memory_order_acq_rel) == kAbandoned) {
+        pthread_detach(pthread_self());
+    }
     KEL_LOG(LOG_DEBUG, "Deamon Thread is exit.");
     pthread_exit(nullptr);
 }
@@ -357,8 +369,9 @@ ThreadManage::~ThreadManage() {
     for (DaemonThreadPrivate* th : mUsedThread) {
         if (!th->mJoinable) {
             delete th;  // its creation failed: no thread ever used it
-        } else if (!th->mRunning.load(std::memory_order_acquire)) {
-            pthread_join(th->mThread, nullptr);  // it has already left its loop
+        } else if (th->mEnd.exchange(DaemonThreadPrivate::kAbandoned,
+                                     std::memory_order_acq_rel) == DaemonThreadPrivate::kLeftLoop) {
+            pthread_join(th->mThread, nullptr);
             delete th;
         } else {
             th->mLeftNext = _g_left_behind;

@@ -59,7 +59,7 @@ void countWork(void* ctx) { static_cast<Done*>(ctx)->add(); }
 }  // namespace
 
 TEST(WorkQueue, HundredThousandWorksFromFourThreadsRunInOrderWithoutOverlap) {
-    int base = probe::taskCount() - kel_pool_counts().alive;
+    int base = probe::baselineTaskCount() - kel_pool_counts().alive;
     Order order;
     gOrder = &order;
     DispathQueue* q = kel_dispatch_queue_create();
@@ -236,7 +236,7 @@ TEST(WorkQueue, NullQueueWorkRunsSeriallyOnThePool) {
 }
 
 TEST(WorkQueue, DrainedQueueGivesItsThreadBackAndBindsAgainForNewWork) {
-    int base = probe::taskCount() - kel_pool_counts().alive;
+    int base = probe::baselineTaskCount() - kel_pool_counts().alive;
     DispathQueue* q = kel_dispatch_queue_create();
     EXPECT_EQ(kel_pool_counts().used, 0);  // an idle queue holds no thread
     Done done;

@@ -51,7 +51,7 @@ TEST(SimpleThread, JoinOnNeverStartedObjectReturnsTrueAtOnce) {
 }
 
 TEST(SimpleThread, RunsFramedByStartupAndCleanupOnANamedThreadAndJoins) {
-    int base = probe::taskCount();
+    int base = probe::baselineTaskCount();
     Recorder t;
     probe::Gate gate;
     t.gate = &gate;
@@ -71,7 +71,7 @@ TEST(SimpleThread, RunsFramedByStartupAndCleanupOnANamedThreadAndJoins) {
 }
 
 TEST(SimpleThread, ThreadThatEndsByItselfDetachesAndLaterJoinsSucceed) {
-    int base = probe::taskCount();
+    int base = probe::baselineTaskCount();
     Recorder t;
     ASSERT_TRUE(t.start());
     ASSERT_TRUE(probe::waitFor([&] { return !t.isRunning(); }));
@@ -97,7 +97,7 @@ TEST(SimpleThread, StartWhileRunningCreatesNoSecondThread) {
 }
 
 TEST(SimpleThread, StoppedObjectStartsAgainWhetherJoinedOrSelfEnded) {
-    int base = probe::taskCount();
+    int base = probe::baselineTaskCount();
     Recorder t;
     for (int i = 0; i < 50; ++i) {
         // Even a thread that may have ended before start() returns counts
@@ -115,7 +115,7 @@ TEST(SimpleThread, StoppedObjectStartsAgainWhetherJoinedOrSelfEnded) {
 }
 
 TEST(SimpleThread, ConcurrentEndAndJoinNeverLoseOrDoubleJoinTheThread) {
-    int base = probe::taskCount();
+    int base = probe::baselineTaskCount();
     std::vector<Recorder> threads(16);
     for (int round = 0; round < 20; ++round) {
         for (auto& t : threads) ASSERT_TRUE(t.start());

@@ -28,6 +28,14 @@ inline int taskCount() {
     return n;
 }
 
+// Thread count before a test starts its own threads. One short-lived
+// thread first, so that helper threads a sanitizer starts with the first
+// pthread_create are already counted.
+inline int baselineTaskCount() {
+    std::thread([] {}).join();
+    return taskCount();
+}
+
 // Polls `pred` until it holds or `seconds` have passed. The bound only keeps
 // a broken build from hanging; it is far above any expected time.
 template <typename Pred>
