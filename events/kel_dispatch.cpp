@@ -117,12 +117,17 @@ void WorkThread::syncExec(DispatchFunc func, void* ctx) {
     node->func = func;
     node->ctx = ctx;
     node->next = nullptr;
+    // Only the work that makes the queue non-empty needs to start it: the
+    // start() issued for the work ahead of this one either bound a pass,
+    // which drains the queue before giving its thread back, or reached a
+    // pass after its last look, whose threadExit() then restarts the queue.
+    bool wasEmpty = prepare.empty();
     prepare.push(node);
     if (!mPassRef) {
         mPassRef = true;
         ++mRefs;
     }
-    DaemonThread::start();
+    if (wasEmpty) DaemonThread::start();
 }
 
 void WorkThread::ref() {
