@@ -63,7 +63,7 @@ deps() {
 # Runs every program built from examples/ in tree $1, through the optional
 # runner given after it.
 run_examples() {
-    local dir=$1/examples n=0 rc=0 exe
+    local dir=$ROOT/$1/examples n=0 rc=0 exe
     shift
     for exe in "$dir"/*; do
         [ -f "$exe" ] && [ -x "$exe" ] || continue
