@@ -3,7 +3,8 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all configure build demo test bench clean
+.PHONY: all configure build demo test bench clean format format-check \
+	check-all check-asan check-tsan check-arm check-valgrind check-static
 
 all: build
 
@@ -24,3 +25,30 @@ bench: build
 
 clean:
 	rm -rf $(BUILD)
+
+# Quality gates (.ci/steps.sh); `check-all` is what CI runs after `make test`.
+STEPS = JOBS=$(JOBS) bash .ci/steps.sh
+
+check-all:
+	@$(STEPS) all
+
+check-asan:
+	@$(STEPS) asan
+
+check-tsan:
+	@$(STEPS) tsan
+
+check-arm:
+	@$(STEPS) arm
+
+check-valgrind:
+	@$(STEPS) valgrind
+
+check-static:
+	@$(STEPS) static
+
+format:
+	@$(STEPS) format
+
+format-check:
+	@$(STEPS) format-check
