@@ -20,8 +20,9 @@ demo: build
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# One table: every benchmark beside its baseline from the same run.
 bench: build
-	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" --benchmark_min_time=0.2 || exit 1; done
+	@python3 bench/report.py $(BUILD)
 
 clean:
 	rm -rf $(BUILD)
