@@ -59,27 +59,42 @@ void expectPoolsFull(KelLoop* loop) {
 
 int currentTid() { return static_cast<int>(syscall(SYS_gettid)); }
 
-std::vector<std::string> strayThreads() {
-    std::vector<std::string> out;
+// Thread ids of this process, the main thread's first.
+std::vector<std::string> threadIds() {
     std::string self = std::to_string(getpid());
-    std::string mainName = readThreadName(self);
+    std::vector<std::string> out{self};
     DIR* d = opendir("/proc/self/task");
-    if (d == nullptr) return {"<no /proc>"};
-    int helpers = 0;
+    if (d == nullptr) return out;
     while (dirent* ent = readdir(d)) {
         std::string tid = ent->d_name;
-        if (tid == "." || tid == ".." || tid == self) continue;
-        std::string name = readThreadName(tid);
+        if (tid != "." && tid != ".." && tid != self) out.push_back(tid);
+    }
+    closedir(d);
+    return out;
+}
+
+std::vector<std::string> strayThreads() {
+    std::vector<std::string> out;
+    std::vector<std::string> tids = threadIds();
+    std::string mainName = readThreadName(tids[0]);
+    int helpers = 0;
+    for (size_t i = 1; i < tids.size(); ++i) {
+        std::string name = readThreadName(tids[i]);
         if (name == "kel-signal") continue;
 #if defined(__SANITIZE_THREAD__)
         // The thread sanitizer runs one helper thread of its own.
         if (name == mainName && helpers++ == 0) continue;
 #endif
-        out.push_back(name + "/" + tid);
+        out.push_back(name + "/" + tids[i]);
     }
-    closedir(d);
     (void)helpers;
     return out;
+}
+
+int threadsNamed(const std::string& name) {
+    int n = 0;
+    for (const std::string& tid : threadIds()) n += readThreadName(tid) == name ? 1 : 0;
+    return n;
 }
 
 StateQEvt* newStateEvt(long stateMsg, long msgId, long wParam, long lParam, void* pHander) {

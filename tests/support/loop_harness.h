@@ -35,6 +35,9 @@ void expectPoolsFull(KelLoop* loop);
 // framework's "kel-signal" thread (and a sanitizer's own helper thread).
 std::vector<std::string> strayThreads();
 
+// Number of threads of this process with this name.
+int threadsNamed(const std::string& name);
+
 // Linux thread id of the calling thread.
 int currentTid();
 
