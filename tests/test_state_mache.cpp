@@ -90,7 +90,7 @@ TEST_P(TransitionTest, CallsAndHistory) {
     EXPECT_EQ(mache->history(), t.history);
 }
 
-INSTANTIATE_TEST_SUITE_P(Worked, TransitionTest, ::testing::ValuesIn(kTransitions),
+INSTANTIATE_TEST_SUITE_P(Table, TransitionTest, ::testing::ValuesIn(kTransitions),
                          [](const ::testing::TestParamInfo<Transition>& i) { return std::string(i.param.name); });
 
 // --------------------------------------------------------- machine details
