@@ -46,7 +46,10 @@ namespace dispatch {
 
 class QueuePrivate;
 
-// Base of every class whose member functions are used as callbacks.
+// Base of every class whose member functions are used as callbacks. In a
+// class with several bases, make Object the first one: the call is correct
+// either way, but the undefined-behaviour sanitizer's check of the object's
+// dynamic type misreports member calls whose target sits at an offset.
 class KEL_API Object {
 public:
     // A no-argument member function of an Object subclass. A callback is

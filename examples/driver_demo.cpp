@@ -19,7 +19,7 @@ namespace {
 
 enum Command { CMD_RESET = 1, CMD_GAIN = 2 };
 
-class SensorDriver : public dispatch::Loop, public dispatch::Object {
+class SensorDriver : public dispatch::Object, public dispatch::Loop {
 public:
     SensorDriver() : mPoll(&mQueue) {
         setQueue(&mQueue);

@@ -31,7 +31,7 @@ namespace {
 
 // ------------------------------------------------------------- messages
 
-enum AppSignal { SIG_STATUS = SIG_INNER_PROC + 1 };
+enum AppSignal { SIG_STATUS = SIG_INNER_PROC + 1, SIG_START_MACHINE };
 enum StateMsg { EV_POWER_ON = 1, EV_CONNECTED, EV_CONNECT_FAILED, EV_RETRY, EV_SHUTDOWN };
 enum StateIndex { IDLE, CONNECTING, RUNNING, ERROR, STATE_COUNT };
 
@@ -50,7 +50,7 @@ void sendState(long msg) {
 // Runs a dispatch loop on its own thread and polls its "device" every 20 ms.
 // Two fields change together; other threads read them under the queue's
 // explicit lock, so they never see one without the other.
-class SensorDriver : public dispatch::Loop, public dispatch::Object {
+class SensorDriver : public dispatch::Object, public dispatch::Loop {
 public:
     SensorDriver() : mPoll(&mQueue) {
         setQueue(&mQueue);
@@ -100,8 +100,14 @@ class DeviceDaemon : public KelLoop {
 public:
     DeviceDaemon() : KelLoop(64) {}
 
-    // Loop thread: a heartbeat asked for a report.
+    // Loop thread: the start of the machine, or a heartbeat's report.
     void procSubMsg(const QEvt* e) override {
+        if (e->sig == SIG_START_MACHINE) {
+            // Replays what the machine held back. Not from a timer handler:
+            // the machine's lock comes before the timer list's.
+            machine->initialize();
+            return;
+        }
         if (e->sig != SIG_STATUS) return;
         long samples = 0, sum = 0;
         driver.snapshot(&samples, &sum);
@@ -122,6 +128,7 @@ public:
     void poweroff() override { KEL_LOG(LOG_INFO, "SIGTERM: shutting down in order"); }
 
     SensorDriver driver;
+    StateMache* machine = nullptr;
     int reports = 0;
 };
 
@@ -230,7 +237,7 @@ void heartbeatTimer(ATimer* t, void*) {
     t->setReStart(true);
 }
 
-void startMachine(ATimer*, void* p) { static_cast<DeviceMachine*>(p)->initialize(); }
+void startMachine(ATimer*, void*) { _loop->postCmd(SIG_START_MACHINE); }
 
 void endOfRun(ATimer*, void*) {
     KEL_LOG(LOG_WARN, "run took too long, stopping");
@@ -248,6 +255,7 @@ int main() {
 
     DeviceDaemon daemon;
     DeviceMachine machine;
+    daemon.machine = &machine;
     ATimer retry, heartbeat, start, deadline;
     Context ctx;
     ctx.daemon = &daemon;
@@ -263,7 +271,7 @@ int main() {
     heartbeat.setHandler(heartbeatTimer, nullptr);
     // Sent before the machine runs: held back, then replayed by initialize.
     sendState(EV_POWER_ON);
-    start.setHandler(startMachine, &machine);
+    start.setHandler(startMachine, nullptr);
     start.restart(100);
     deadline.setHandler(endOfRun, nullptr);
     deadline.restart(10000);
