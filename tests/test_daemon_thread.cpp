@@ -100,7 +100,7 @@ void expectQuiescentPool(int baseTasks) {
     KelPoolCounts c = kel_pool_counts();
     EXPECT_EQ(c.used, 0);
     EXPECT_EQ(c.free, c.alive);
-    EXPECT_EQ(probe::taskCount(), baseTasks + c.alive);
+    EXPECT_TRUE(threadCountSettlesAt(baseTasks + c.alive)) << probe::taskCount();
 }
 
 }  // namespace
@@ -375,7 +375,7 @@ TEST(DaemonThread, FailedThreadCreationIsLoggedAndThePoolStaysUsable) {
     KelPoolCounts c = kel_pool_counts();
     EXPECT_EQ(c.free, 2);
     EXPECT_EQ(c.alive, 2);
-    EXPECT_EQ(probe::taskCount(), base + 2);
+    EXPECT_TRUE(threadCountSettlesAt(base + 2)) << probe::taskCount();
 }
 
 TEST(DaemonThread, AllocationFailureInStartReleasesThePoolLock) {
@@ -388,7 +388,7 @@ TEST(DaemonThread, AllocationFailureInStartReleasesThePoolLock) {
         tFailAllocIn = 0;
         KelPoolCounts c = kel_pool_counts();  // would hang on a held lock
         EXPECT_EQ(c.used + c.free, 0) << nth;
-        EXPECT_EQ(probe::taskCount(), base) << nth;
+        EXPECT_TRUE(threadCountSettlesAt(base)) << nth;
     }
     ASSERT_TRUE(t.start());
     ASSERT_TRUE(probe::waitFor([&] { return t.exits.load() == 1; }));

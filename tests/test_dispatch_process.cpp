@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 
@@ -14,6 +13,7 @@
 
 #include "dispatch_process.h"
 #include "support/log_capture.h"
+#include "support/threads.h"
 
 using dispatch::FUNC;
 using dispatch::Loop;
@@ -43,16 +43,6 @@ PoolCounts poolCounts() {
     return c;
 }
 
-int threadCount() {
-    int n = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* e = readdir(dir)) {
-            if (e->d_name[0] != '.') ++n;
-        }
-        closedir(dir);
-    }
-    return n;
-}
 
 template <typename Pred>
 bool eventually(Pred p, std::chrono::milliseconds limit = 10s) {
@@ -126,14 +116,11 @@ private:
 class Dispatch : public ::testing::Test {
 protected:
     void SetUp() override {
-        // A sanitizer's helper thread starts with the first thread created;
-        // let that happen before taking the baseline.
-        std::thread([] {}).join();
-        mThreads = threadCount();
+        mThreads = baselineThreadCount();
     }
     void TearDown() override {
         EXPECT_EQ(poolCounts().used, 0) << "nodes left out of the pool";
-        EXPECT_EQ(threadCount(), mThreads) << "a thread was left behind";
+        EXPECT_TRUE(threadCountSettlesAt(mThreads)) << "a thread was left behind";
     }
 
     // Every call queued before this one has returned.
@@ -423,7 +410,7 @@ TEST_F(Dispatch, MisuseFromACallbackAssertsAndLeavesTheQueueUsable) {
 }
 
 TEST_F(Dispatch, DroppingTheLastHolderWithWorkPendingEndsTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, KEL_DEATH_TEST_STYLE);
     Rec a(&trace, "a");
     EXPECT_DEATH(
         {

@@ -1,6 +1,5 @@
 #include "loop_harness.h"
 
-#include <dirent.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/syscall.h>
@@ -12,6 +11,7 @@
 #include "kel_pool.h"
 #include "kel_port.h"
 #include "kel_timer.h"
+#include "threads.h"
 
 namespace {
 
@@ -20,18 +20,6 @@ void onAlarm(int) {
     ssize_t w = write(STDERR_FILENO, msg, sizeof msg - 1);
     (void)w;
     _exit(2);
-}
-
-std::string readThreadName(const std::string& tid) {
-    std::string path = "/proc/self/task/" + tid + "/comm";
-    FILE* f = fopen(path.c_str(), "r");
-    if (f == nullptr) return "";
-    char buf[64] = {0};
-    if (fgets(buf, sizeof buf, f) == nullptr) buf[0] = '\0';
-    fclose(f);
-    std::string s(buf);
-    while (!s.empty() && s.back() == '\n') s.pop_back();
-    return s;
 }
 
 void expectFull(KelPool* p, const char* which) {
@@ -59,42 +47,28 @@ void expectPoolsFull(KelLoop* loop) {
 
 int currentTid() { return static_cast<int>(syscall(SYS_gettid)); }
 
-// Thread ids of this process, the main thread's first.
-std::vector<std::string> threadIds() {
-    std::string self = std::to_string(getpid());
-    std::vector<std::string> out{self};
-    DIR* d = opendir("/proc/self/task");
-    if (d == nullptr) return out;
-    while (dirent* ent = readdir(d)) {
-        std::string tid = ent->d_name;
-        if (tid != "." && tid != ".." && tid != self) out.push_back(tid);
-    }
-    closedir(d);
-    return out;
-}
-
 std::vector<std::string> strayThreads() {
     std::vector<std::string> out;
-    std::vector<std::string> tids = threadIds();
-    std::string mainName = readThreadName(tids[0]);
+    std::vector<ThreadEntry> threads = processThreads();
     int helpers = 0;
-    for (size_t i = 1; i < tids.size(); ++i) {
-        std::string name = readThreadName(tids[i]);
-        if (name == "kel-signal") continue;
+    for (size_t i = 1; i < threads.size(); ++i) {
+        if (threads[i].name == "kel-signal") continue;
 #if defined(__SANITIZE_THREAD__)
         // The thread sanitizer runs one helper thread of its own.
-        if (name == mainName && helpers++ == 0) continue;
+        if (threads[i].name == threads[0].name && helpers++ == 0) continue;
 #endif
-        out.push_back(name + "/" + tids[i]);
+        out.push_back(threads[i].name + "/" + threads[i].tid);
     }
     (void)helpers;
     return out;
 }
 
-int threadsNamed(const std::string& name) {
-    int n = 0;
-    for (const std::string& tid : threadIds()) n += readThreadName(tid) == name ? 1 : 0;
-    return n;
+bool waitForNoStrayThreads() {
+    for (int i = 0; i < 10000; ++i) {
+        if (strayThreads().empty()) return true;
+        usleep(1000);
+    }
+    return false;
 }
 
 StateQEvt* newStateEvt(long stateMsg, long msgId, long wParam, long lParam, void* pHander) {

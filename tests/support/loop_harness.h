@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "event_def.h"
+#include "threads.h"
 
 class KelLoop;
 
@@ -34,9 +35,8 @@ void expectPoolsFull(KelLoop* loop);
 // Names of the threads of this process besides the main thread and the
 // framework's "kel-signal" thread (and a sanitizer's own helper thread).
 std::vector<std::string> strayThreads();
-
-// Number of threads of this process with this name.
-int threadsNamed(const std::string& name);
+// True once strayThreads() is empty, within 10 s.
+bool waitForNoStrayThreads();
 
 // Linux thread id of the calling thread.
 int currentTid();

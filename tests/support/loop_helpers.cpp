@@ -1,6 +1,5 @@
 #include "loop_helpers.h"
 
-#include <dirent.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -31,17 +30,6 @@ void armWatchdog(int seconds) {
         fprintf(stderr, "watchdog: test still running after %d s, a hang\n", seconds);
         _exit(3);
     }).detach();
-}
-
-int threadCount() {
-    int n = 0;
-    DIR* d = opendir("/proc/self/task");
-    if (!d) return -1;
-    while (struct dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') ++n;
-    }
-    closedir(d);
-    return n;
 }
 
 PoolCounts freeBlocks(KelLoop* loop) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "kel_loop.h"
+#include "threads.h"
 
 // Starts the framework for a test: Kel::init only (no signal handling, the
 // logging stand-in left as it is).
@@ -18,9 +19,6 @@ bool waitUntil(const std::function<bool()>& pred, double seconds = 20.0);
 // Ends the process with a message if the test is still running after
 // `seconds`: a hang fails the test instead of blocking the suite.
 void armWatchdog(int seconds = 120);
-
-// Threads of this process (entries of /proc/self/task).
-int threadCount();
 
 // Free blocks in the loop's three pools, and their totals.
 struct PoolCounts {

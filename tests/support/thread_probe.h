@@ -3,7 +3,6 @@
 #ifndef KEL_TESTS_SUPPORT_THREAD_PROBE_H
 #define KEL_TESTS_SUPPORT_THREAD_PROBE_H
 
-#include <dirent.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -14,27 +13,14 @@
 #include <string>
 #include <thread>
 
+#include "threads.h"
+
 namespace probe {
 
-// Number of threads of this process, from /proc/self/task.
-inline int taskCount() {
-    DIR* d = opendir("/proc/self/task");
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') ++n;
-    }
-    closedir(d);
-    return n;
-}
+// Number of threads of this process.
+inline int taskCount() { return threadCount(); }
 
-// Thread count before a test starts its own threads. One short-lived
-// thread first, so that helper threads a sanitizer starts with the first
-// pthread_create are already counted.
-inline int baselineTaskCount() {
-    std::thread([] {}).join();
-    return taskCount();
-}
+inline int baselineTaskCount() { return baselineThreadCount(); }
 
 // Polls `pred` until it holds or `seconds` have passed. The bound only keeps
 // a broken build from hanging; it is far above any expected time.
