@@ -210,8 +210,8 @@ void kel_signal_install() {
 }  // namespace
 
 KelLoop::KelLoop(unsigned int msgs) : state_mache(nullptr), thread_id(0) {
-    // Owned while the constructor runs, so that a failed check (a second
-    // loop, a pool too many) leaks nothing.
+    // One loop per process: checked before anything is made or registered.
+    KEL_ASSERT(_loop == nullptr && _timer == nullptr);
     std::unique_ptr<KelQueue> q(new KelQueue);
     std::unique_ptr<KelPool> pg(new KelPool);
     std::unique_ptr<KelPool> ps(new KelPool);
@@ -220,11 +220,19 @@ KelLoop::KelLoop(unsigned int msgs) : state_mache(nullptr), thread_id(0) {
     std::unique_ptr<GeneralQEvt[]> gp(new GeneralQEvt[msgs]);
     std::unique_ptr<StateQEvt[]> sp(new StateQEvt[msgs]);
 
-    KEL_ASSERT(_loop == nullptr && _timer == nullptr);
-
     q->init(evt_queue, 128);
-    pg->init(gp.get(), msgs * sizeof(GeneralQEvt), sizeof(GeneralQEvt));
-    ps->init(sp.get(), msgs * sizeof(StateQEvt), sizeof(StateQEvt));
+    try {
+        pg->init(gp.get(), msgs * sizeof(GeneralQEvt), sizeof(GeneralQEvt));
+        ps->init(sp.get(), msgs * sizeof(StateQEvt), sizeof(StateQEvt));
+    } catch (...) {
+        // A pool refused (`msgs` 0, or a pool of the application's own took
+        // a place) after others registered: the table keeps pointing at
+        // them, so they are left alive.
+        t.release();
+        pg.release();
+        gp.release();
+        throw;
+    }
 
     queue = q.release();
     pool_gen = pg.release();
