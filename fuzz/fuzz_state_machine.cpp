@@ -6,8 +6,6 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <stdlib.h>
-
 #include <deque>
 #include <string>
 #include <vector>
@@ -299,7 +297,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 m.exitState();
                 break;
         }
-        if (getenv("FUZZ_TRACE")) fprintf(stderr, "op %d msg %ld res %ld: q %zu/%u held %zu/%d init %d\n", op % 5, e.stateMsg, e.msgId, m.queue.size(), 129 - gLoop->eventQueue()->getNFree(), m.held.size(), gMache->heldBack(), m.isInit);
         compare(m);
     }
     return 0;
