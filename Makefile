@@ -3,7 +3,8 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all configure build demo test bench clean
+.PHONY: all configure build demo test bench clean format format-check \
+	check-all check-asan check-tsan check-arm check-valgrind check-static
 
 all: build
 
@@ -19,8 +20,36 @@ demo: build
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# One table: every benchmark beside its baseline from the same run.
 bench: build
-	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" --benchmark_min_time=0.2 || exit 1; done
+	@python3 bench/report.py $(BUILD)
 
 clean:
 	rm -rf $(BUILD)
+
+# Quality gates (.ci/steps.sh); `check-all` is what CI runs after `make test`.
+STEPS = JOBS=$(JOBS) bash .ci/steps.sh
+
+check-all:
+	@$(STEPS) all
+
+check-asan:
+	@$(STEPS) asan
+
+check-tsan:
+	@$(STEPS) tsan
+
+check-arm:
+	@$(STEPS) arm
+
+check-valgrind:
+	@$(STEPS) valgrind
+
+check-static:
+	@$(STEPS) static
+
+format:
+	@$(STEPS) format
+
+format-check:
+	@$(STEPS) format-check

@@ -106,26 +106,34 @@ void KelQueue::init(const QEvt** qSto, uint_fast16_t qLen) {
 }
 
 bool KelQueue::post(const QEvt* e, uint_fast16_t margin) {
-    Autolock lock(&mMtx);
     KEL_ASSERT(e != nullptr);
-    QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);
-    if (nFree > margin) {
-        QEvt* ev = const_cast<QEvt*>(e);
-        if (ev->poolId_ != 0) ++ev->refCtr_;
-        m_nFree.store(nFree - 1, std::memory_order_relaxed);
-        if (m_frontEvt.load(std::memory_order_relaxed) == nullptr) {
-            // Memory ordering: release; pairs with the acquire in isEmpty.
-            m_frontEvt.store(e, std::memory_order_release);
-        } else {
-            QEQueueCtr head = m_head.load(std::memory_order_relaxed);
-            m_ring[head] = e;
-            if (head == 0) head = m_end;
-            m_head.store(head - 1, std::memory_order_relaxed);
+    // A queue without room refuses without taking the lock, so that a
+    // poster retrying against a full queue does not hold up the taker.
+    if (m_nFree.load(std::memory_order_relaxed) > margin) {
+        Autolock lock(&mMtx);
+        QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);
+        if (nFree > margin) {
+            postLocked(e, nFree);
+            return true;
         }
-        return true;
     }
     KEL_LOG(LOG_WARN, "event not posted");
     return false;
+}
+
+void KelQueue::postLocked(const QEvt* e, QEQueueCtr nFree) {
+    QEvt* ev = const_cast<QEvt*>(e);
+    if (ev->poolId_ != 0) ++ev->refCtr_;
+    m_nFree.store(nFree - 1, std::memory_order_relaxed);
+    if (m_frontEvt.load(std::memory_order_relaxed) == nullptr) {
+        // Memory ordering: release; pairs with the acquire in isEmpty.
+        m_frontEvt.store(e, std::memory_order_release);
+    } else {
+        QEQueueCtr head = m_head.load(std::memory_order_relaxed);
+        m_ring[head] = e;
+        if (head == 0) head = m_end;
+        m_head.store(head - 1, std::memory_order_relaxed);
+    }
 }
 
 const QEvt* KelQueue::putFront(const QEvt* e) {

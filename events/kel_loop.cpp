@@ -184,6 +184,9 @@ void kel_signal_install() {
             int ret = pthread_create(&th, nullptr, signalThreadMain, nullptr);
             pthread_sigmask(SIG_SETMASK, &old, nullptr);
             if (ret == 0) {
+                // Named here as well, so that it carries its name from the
+                // moment init_all returns, not from whenever it first runs.
+                pthread_setname_np(th, "kel-signal");
                 pthread_detach(th);
                 _g_sig_write_fd.store(fds[1], std::memory_order_release);
                 _g_sig_owner.store(getpid(), std::memory_order_release);

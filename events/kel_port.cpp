@@ -15,16 +15,23 @@ pthread_cond_t Kel::Kel_event_cond_ = PTHREAD_COND_INITIALIZER;
 
 namespace {
 
+// Each counter on a cache line of its own: posters, the loop and releasing
+// threads touch them from different processors.
+template <typename T>
+struct alignas(64) Line {
+    std::atomic<T> v;
+};
+
 // True between init and uninit.
-std::atomic<bool> _g_alive{false};
+Line<bool> _g_alive{{false}};
 // Threads inside (or about to enter) Kel_event_mutex_. uninit waits until it
 // is 0 before destroying the mutex.
-std::atomic<int> _g_users{0};
+Line<int> _g_users{{0}};
 // Guards the pools outside init..uninit. Never destroyed.
 pthread_mutex_t _g_spare_mutex = PTHREAD_MUTEX_INITIALIZER;
-std::atomic<uint32_t> _g_wakeups{0};
+Line<uint32_t> _g_wakeups{{0}};
 // True while the loop's thread is in (or entering) its timed wait.
-std::atomic<bool> _g_sleeping{false};
+Line<bool> _g_sleeping{{false}};
 
 // Takes the event mutex if it is alive, the spare one otherwise.
 // Memory ordering: the increment of _g_users and the load of _g_alive are
@@ -32,19 +39,19 @@ std::atomic<bool> _g_sleeping{false};
 // _g_users in uninit: either uninit sees this user and waits for it, or this
 // user sees the mutex dead and keeps away from it.
 pthread_mutex_t* acquireEventMutex() {
-    _g_users.fetch_add(1, std::memory_order_seq_cst);
-    if (_g_alive.load(std::memory_order_seq_cst)) {
+    _g_users.v.fetch_add(1, std::memory_order_seq_cst);
+    if (_g_alive.v.load(std::memory_order_seq_cst)) {
         pthread_mutex_lock(&Kel::Kel_event_mutex_);
         return &Kel::Kel_event_mutex_;
     }
-    _g_users.fetch_sub(1, std::memory_order_release);
+    _g_users.v.fetch_sub(1, std::memory_order_release);
     pthread_mutex_lock(&_g_spare_mutex);
     return &_g_spare_mutex;
 }
 
 void releaseEventMutex(pthread_mutex_t* m) {
     pthread_mutex_unlock(m);
-    if (m == &Kel::Kel_event_mutex_) _g_users.fetch_sub(1, std::memory_order_release);
+    if (m == &Kel::Kel_event_mutex_) _g_users.v.fetch_sub(1, std::memory_order_release);
 }
 
 }  // namespace
@@ -56,31 +63,31 @@ Kel::Autolock::~Autolock() { releaseEventMutex(mLocked); }
 void Kel::init() {
     // A second init over a live mutex would re-initialise it under a waiter;
     // it is ignored instead.
-    if (_g_alive.load(std::memory_order_acquire)) return;
+    if (_g_alive.v.load(std::memory_order_acquire)) return;
     pthread_condattr_t attr;
     KEL_ASSERT(pthread_condattr_init(&attr) == 0);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
     pthread_cond_init(&Kel_event_cond_, &attr);
     pthread_mutex_init(&Kel_event_mutex_, nullptr);
     pthread_condattr_destroy(&attr);
-    _g_alive.store(true, std::memory_order_seq_cst);
+    _g_alive.v.store(true, std::memory_order_seq_cst);
 }
 
 void Kel::uninit() {
     // Only the first uninit after an init destroys anything.
     bool alive = true;
-    if (!_g_alive.compare_exchange_strong(alive, false, std::memory_order_seq_cst)) return;
-    while (_g_users.load(std::memory_order_seq_cst) != 0) sched_yield();
+    if (!_g_alive.v.compare_exchange_strong(alive, false, std::memory_order_seq_cst)) return;
+    while (_g_users.v.load(std::memory_order_seq_cst) != 0) sched_yield();
     pthread_cond_destroy(&Kel_event_cond_);
     pthread_mutex_destroy(&Kel_event_mutex_);
 }
 
-bool Kel::isAlive() { return _g_alive.load(std::memory_order_acquire); }
+bool Kel::isAlive() { return _g_alive.v.load(std::memory_order_acquire); }
 
 void Kel::lock() {
-    _g_users.fetch_add(1, std::memory_order_seq_cst);
-    if (!_g_alive.load(std::memory_order_seq_cst)) {
-        _g_users.fetch_sub(1, std::memory_order_release);
+    _g_users.v.fetch_add(1, std::memory_order_seq_cst);
+    if (!_g_alive.v.load(std::memory_order_seq_cst)) {
+        _g_users.v.fetch_sub(1, std::memory_order_release);
         KEL_ASSERT_FAIL();  // the loop needs Kel::init (KelLoop::init_all) first
     }
     pthread_mutex_lock(&Kel_event_mutex_);
@@ -95,8 +102,8 @@ void Kel::signal() {
     // sleeps, or this call sees the loop asleep and signals it under the
     // mutex, which the loop only gives up inside the wait. A busy loop costs
     // a poster no lock.
-    _g_wakeups.fetch_add(1, std::memory_order_seq_cst);
-    if (!_g_sleeping.load(std::memory_order_seq_cst)) return;
+    _g_wakeups.v.fetch_add(1, std::memory_order_seq_cst);
+    if (!_g_sleeping.v.load(std::memory_order_seq_cst)) return;
     pthread_mutex_t* m = acquireEventMutex();
     if (m == &Kel_event_mutex_) pthread_cond_signal(&Kel_event_cond_);
     releaseEventMutex(m);
@@ -105,16 +112,16 @@ void Kel::signal() {
 int Kel::wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*), void* arg) {
     int ret = 0;
     lock();
-    _g_sleeping.store(true, std::memory_order_seq_cst);
-    if (stillIdle(arg) && _g_wakeups.load(std::memory_order_seq_cst) == seen) {
+    _g_sleeping.v.store(true, std::memory_order_seq_cst);
+    if (stillIdle(arg) && _g_wakeups.v.load(std::memory_order_seq_cst) == seen) {
         ret = pthread_cond_timedwait(&Kel_event_cond_, &Kel_event_mutex_, deadline);
     }
-    _g_sleeping.store(false, std::memory_order_relaxed);
+    _g_sleeping.v.store(false, std::memory_order_relaxed);
     unlock();
     return ret;
 }
 
-uint32_t Kel::wakeups() { return _g_wakeups.load(std::memory_order_acquire); }
+uint32_t Kel::wakeups() { return _g_wakeups.v.load(std::memory_order_acquire); }
 
 QEvt* Kel::newX_(int sig, uint_fast16_t evtSize) {
     Autolock lock;

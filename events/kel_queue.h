@@ -49,6 +49,8 @@ public:
     KelQueue& operator=(const KelQueue&) = delete;
 
 private:
+    // Caller holds `mMtx`, and `nFree` (the free count) is above the margin.
+    void postLocked(const QEvt* e, QEQueueCtr nFree);
     // Caller holds `mMtx`. Stores `e` ahead of everything; returns the entry
     // that gave way on a full queue, or null.
     const QEvt* putFront(const QEvt* e);

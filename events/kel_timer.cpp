@@ -72,7 +72,7 @@ bool NodeTimer::isEmpty() { return next == this; }
 
 // --------------------------------------------------------------- KelTimer
 
-KelTimer::KelTimer() : root(), stone(), pool(), time_pool(nullptr) {
+KelTimer::KelTimer() : root(), stone(), pool(), time_pool(nullptr), mArmed(0) {
     // The nodes are owned here until the pool is registered: registering a
     // pool too many asserts, and then nothing is left behind.
     std::unique_ptr<NodeTimer[]> nodes(new NodeTimer[kPoolNodes]);
@@ -98,6 +98,7 @@ void KelTimer::_addTimer(NodeTimer* timer) {
         tmp = tmp->next;
     }
     tmp->addFirst(timer);
+    mArmed.fetch_add(1, std::memory_order_release);
 }
 
 void KelTimer::addTimer(NodeTimer* timer) {
@@ -111,6 +112,7 @@ bool KelTimer::removeFirstOf(ATimer* proc) {
         NodeTimer* nxt = tmp->next;
         if (tmp->proc == proc) {
             tmp->del();
+            mArmed.fetch_sub(1, std::memory_order_release);
             Kel::gc(tmp);
             return true;
         }
@@ -150,6 +152,7 @@ void KelTimer::processTimer() {
     while (timeout != &root) {
         if (before(timeout->time, now)) {
             timeout->del();
+            mArmed.fetch_sub(1, std::memory_order_release);
             ATimer* proc = timeout->proc;
             proc->exec();
             if (proc->isRepeat() || proc->isReStart()) {
@@ -168,10 +171,11 @@ void KelTimer::processTimer() {
 
 bool KelTimer::getTimeout(timespec* val) {
     bool isNeedWait = true;
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
     val->tv_sec = 0x7fffffff;
     val->tv_nsec = 0;
+    if (mArmed.load(std::memory_order_acquire) == 0) return true;  // nothing armed
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
     PthreadLock lock(&mutex);
     for (NodeTimer* timeout = root.next; timeout != &root; timeout = timeout->next) {
         if (!timeout->proc->isRunning()) continue;

@@ -20,6 +20,8 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <atomic>
+
 #include "app_timer.h"
 #include "event_def.h"
 #include "kel_export.h"
@@ -100,6 +102,11 @@ private:
     KelPool pool;
     NodeTimer* time_pool;
     pthread_mutex_t mutex;
+    // Nodes on the list. Written under `mutex`; read without it by
+    // getTimeout, so that a loop with no timer armed takes no lock and reads
+    // no clock. Memory ordering: release/acquire; an arming thread wakes the
+    // loop afterwards, and the loop reads its wake-up count before this.
+    std::atomic<int> mArmed;
 };
 
 #endif

@@ -11,6 +11,8 @@ public:
     StateNums(int st_num, int init_state)
         : mInit(init_state), mRef(-1), mStNums(st_num), mStList(new int[st_num]) {}
     ~StateNums() { delete[] mStList; }
+    StateNums(const StateNums&) = delete;
+    StateNums& operator=(const StateNums&) = delete;
 
     int pop() {
         int st = -1;

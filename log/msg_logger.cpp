@@ -3,6 +3,8 @@
 #include "msg_logger.h"
 
 #include <errno.h>
+#include <pthread.h>
+#include <signal.h>
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -40,6 +42,26 @@ const char* baseName(const char* path) {
         if (*p == '/') b = p + 1;
     }
     return b;
+}
+
+// One write(2) of a whole line. A closed reader (stderr piped into a program
+// that has ended) must not raise SIGPIPE: the signal's own handler logs, and
+// each of its lines would raise the signal again. So SIGPIPE is blocked for
+// the write and a SIGPIPE caused by it is taken back before unblocking; one
+// that was already pending stays pending. All of it is safe in a handler.
+void writeLine(const char* buf, int n) {
+    sigset_t pipeSet, old, pending;
+    sigemptyset(&pipeSet);
+    sigaddset(&pipeSet, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeSet, &old);
+    sigpending(&pending);
+    bool wasPending = sigismember(&pending, SIGPIPE) == 1;
+    ssize_t w = write(STDERR_FILENO, buf, n);
+    if (w < 0 && errno == EPIPE && !wasPending) {
+        timespec zero = {0, 0};
+        sigtimedwait(&pipeSet, nullptr, &zero);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 void readLevelFile(const char* confpath) {
@@ -107,8 +129,7 @@ void kel_log_default(const char* file, int, const char* func, int, int line, int
     if (m > 0) n += m;
     if (n > static_cast<int>(sizeof buf) - 2) n = sizeof buf - 2;
     buf[n++] = '\n';
-    ssize_t w = write(STDERR_FILENO, buf, n);
-    (void)w;
+    writeLine(buf, n);
     errno = saved_errno;
 }
 

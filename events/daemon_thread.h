@@ -1,0 +1,116 @@
+// DaemonThread: a task that borrows a pooled thread for one pass of run().
+//
+// A DaemonThread owns no thread. start() binds it to an idle thread of the
+// process-wide pool (or to a new one), run() executes once on that thread,
+// the task gives the thread back, and threadExit() follows on the same
+// thread. Pooled threads are made on demand, reused first-freed first-used,
+// sleep on a condition variable of their own while idle, and are never
+// retired before process exit.
+//
+// Pooled threads:
+// - are named "kel-pool-<n>"; a name set with setName() inside run() lasts
+//   for that pass only;
+// - block the asynchronous process signals SIGHUP, SIGINT, SIGQUIT, SIGUSR1,
+//   SIGUSR2, SIGPIPE, SIGALRM, SIGTERM and SIGCHLD, so that these reach the
+//   application's own threads (the main loop's signal handling in
+//   particular). A write to a broken pipe on a pooled thread therefore fails
+//   with EPIPE instead of raising SIGPIPE. Synchronous faults (SIGSEGV,
+//   SIGBUS, SIGFPE, SIGILL, SIGABRT) are not blocked.
+//
+// Thread rules:
+// - start(), isRunning(), profile(), runningStep(), setRunningStep() and the
+//   destructor: any thread, also run() and threadExit() of any task.
+// - run() and threadExit() are called with no lock of the framework held.
+// - setName(): meant for run(); from any other thread it does nothing.
+//
+// Lifetime of a task: there is no join. The destructor unbinds the task and
+// returns at once; it stops nothing. A started task must stay alive until
+// its threadExit() has returned (isRunning() turning false is no sign of
+// that). After threadExit() returns the framework no longer touches the
+// object, so threadExit() may delete it.
+//
+// start() during a pass sets a wake-up and has no other effect: run() is not
+// repeated. A task that feeds run() from a work source re-examines it in
+// threadExit() and calls start() again if work remains.
+//
+// Process exit: the pool is torn down by a static destructor. Idle pooled
+// threads are woken and joined; threads still inside application code are
+// not waited for: they are left running, and their records stay allocated,
+// until the process ends. From the start of the teardown on, start() fails
+// (returns false, creates nothing) and every other pool operation is a no-op.
+//
+// fork(): in a child, the parent's pooled threads do not exist. The pool
+// forgets them at the fork (their records are freed at exit without being
+// touched otherwise) and tasks bound to them become unbound, so the child
+// can use the pool afresh and exit cleanly.
+#ifndef KEL_EVENTS_DAEMON_THREAD_H
+#define KEL_EVENTS_DAEMON_THREAD_H
+
+#include <atomic>
+
+#include "kel_export.h"
+
+struct DaemonThreadPrivate;
+class ThreadManage;
+
+class KEL_API DaemonThread {
+public:
+    DaemonThread();
+    // Unbinds the task from its pooled thread, if any. Does not wait.
+    virtual ~DaemonThread();
+
+    // Binds the task to a pooled thread and wakes it. The result tells that
+    // the pooled thread exists, not that run() has begun. When no thread can
+    // be created it logs "pthread_create failed, %d, %s" (LOG_WARN) and
+    // returns false; the task then stays bound to the threadless record and
+    // later start() calls return false too, until the task is destroyed.
+    // May throw std::bad_alloc; the pool stays usable.
+    bool start();
+    // True from the beginning of run() until the task is given back.
+    bool isRunning();
+
+    // The task's body; once per pass.
+    virtual void run();
+    // Called once after each run(), on the same thread, after the task was
+    // given back.
+    virtual void threadExit();
+
+    // Logs "Thread Used count: %d" and "Thread Free count: %d" (LOG_DEBUG).
+    static void profile();
+
+    // A progress label for the application's own use. The pointer is stored,
+    // not the text: the text must outlive its use. Initially "init".
+    const char* runningStep() const;
+    void setRunningStep(const char* step);
+
+    DaemonThread(const DaemonThread&) = delete;
+    DaemonThread& operator=(const DaemonThread&) = delete;
+
+protected:
+    // Names the pooled thread (15 characters kept) when called from inside
+    // run(); in every other case, and for a null name, it does nothing.
+    void setName(const char* name);
+
+private:
+    friend struct DaemonThreadPrivate;
+    friend class ThreadManage;
+
+    // One pass: run(), give the thread back, threadExit().
+    void runDeamon();
+
+    // Guarded by the pool lock.
+    DaemonThreadPrivate* dPtr;
+    std::atomic<const char*> mRunningStep;
+    std::atomic<bool> mChildRunning;
+};
+
+// Pool figures for the framework's own tests and diagnostics (not exported
+// from the shared library). Any thread; takes the pool lock.
+struct KelPoolCounts {
+    int used;   // records bound to a task or on their way back
+    int free;   // idle records
+    int alive;  // operating-system threads of the pool that exist
+};
+KelPoolCounts kel_pool_counts();
+
+#endif

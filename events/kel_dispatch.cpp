@@ -1,0 +1,262 @@
+#include "kel_dispatch.h"
+
+#include <pthread.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "common_log.h"
+#include "daemon_thread.h"
+#include "kel_mutex.h"
+
+namespace {
+
+// A serial first-in, first-out work queue on top of a DaemonThread. It binds
+// a pooled thread while it has work and gives it back when it runs dry.
+class WorkThread : public DaemonThread {
+public:
+    // One queued work.
+    struct WorkNode {
+        DispatchFunc func;
+        void* ctx;
+        WorkNode* next;
+    };
+    typedef WorkNode* WorkNode_t;
+
+    // Nodes kept for reuse, last in first out. Used under mMtx only.
+    struct WorkFreeList {
+        WorkNode* head = nullptr;
+
+        // A recycled node comes back all zero; a new one uninitialised.
+        WorkNode* get() {
+            WorkNode* node = head;
+            if (node == nullptr) return new WorkNode;
+            head = node->next;
+            memset(node, 0, sizeof *node);
+            return node;
+        }
+        void push(WorkNode* node) {
+            node->next = head;
+            head = node;
+        }
+    };
+
+    // Works waiting to run, oldest first. Used under mMtx only. `tail` is the
+    // slot that receives the next node: the last node's `next`, or `head`
+    // when the list is empty, so appending needs no special case.
+    struct WorkPrepareList {
+        WorkNode_t head = nullptr;
+        WorkNode_t* tail = &head;
+        int count = 0;
+
+        WorkPrepareList() = default;
+        WorkPrepareList(const WorkPrepareList&) = delete;
+        WorkPrepareList& operator=(const WorkPrepareList&) = delete;
+
+        bool empty() const { return tail == &head; }
+        // The caller has set node->next to null.
+        void push(WorkNode* node) {
+            *tail = node;
+            tail = &node->next;
+        }
+        WorkNode* pop() {
+            WorkNode* node = head;
+            if (node != nullptr) {
+                head = node->next;
+                if (head == nullptr) tail = &head;
+            }
+            return node;
+        }
+    };
+
+    WorkThread() : mRefs(1), mPasses(0), mPassRef(false) {}
+    ~WorkThread() override;
+
+    // Queues one work and makes sure a pooled thread will serve the queue.
+    // Returns as soon as the work is queued.
+    void syncExec(DispatchFunc func, void* ctx);
+    void ref();
+    // True when the last reference is gone; the caller then deletes.
+    bool unref();
+
+protected:
+    // Runs queued works until the queue is empty. No lock held around works.
+    void run() override;
+    // Restarts the queue if work arrived after the last look of run(), else
+    // drops the pass reference.
+    void threadExit() override;
+
+private:
+    // Under mMtx.
+    int mRefs;
+    WorkPrepareList prepare;
+    WorkFreeList free;
+    // Passes that entered run() and have not finished threadExit().
+    int mPasses;
+    // The queue holds a reference of its own while it has work or a pass.
+    bool mPassRef;
+    KelMutex mMtx;
+};
+
+// A pass keeps its queue alive: the queue holds one extra reference from the
+// first queued work until the pass that finds it empty (with no other pass
+// in flight) is done, so the last handle may be dropped at any time. Only
+// then can the destructor run, and it frees the nodes as nothing can use them.
+WorkThread::~WorkThread() {
+    while (WorkNode* node = prepare.pop()) delete node;
+    while (WorkNode* node = free.head) {
+        free.head = node->next;
+        delete node;
+    }
+}
+
+void WorkThread::syncExec(DispatchFunc func, void* ctx) {
+    Autolock lock(&mMtx);
+    WorkNode* node = free.get();
+    node->func = func;
+    node->ctx = ctx;
+    node->next = nullptr;
+    // Only the work that makes the queue non-empty needs to start it: the
+    // start() issued for the work ahead of this one either bound a pass,
+    // which drains the queue before giving its thread back, or reached a
+    // pass after its last look, whose threadExit() then restarts the queue.
+    bool wasEmpty = prepare.empty();
+    prepare.push(node);
+    if (!mPassRef) {
+        mPassRef = true;
+        ++mRefs;
+    }
+    if (wasEmpty) DaemonThread::start();
+}
+
+void WorkThread::ref() {
+    Autolock lock(&mMtx);
+    ++mRefs;
+}
+
+bool WorkThread::unref() {
+    Autolock lock(&mMtx);
+    return --mRefs <= 0;
+}
+
+void WorkThread::run() {
+    mMtx.lock();
+    ++mPasses;
+    WorkNode* item = prepare.pop();
+    mMtx.unlock();
+    while (item != nullptr) {
+        item->func(item->ctx);
+        mMtx.lock();
+        free.push(item);
+        item = prepare.pop();
+        mMtx.unlock();
+    }
+}
+
+void WorkThread::threadExit() {
+    bool last = false;
+    {
+        Autolock lock(&mMtx);
+        --mPasses;
+        if (!prepare.empty()) {
+            DaemonThread::start();
+            return;
+        }
+        if (mPasses == 0 && mPassRef) {
+            mPassRef = false;
+            last = (--mRefs <= 0);
+        }
+    }
+    // Nothing of the pass touches the object after this point.
+    if (last) delete this;
+}
+
+// The queue for work queued without one.
+// Memory ordering: release when published or cleared, acquire when read, so
+// a reader sees a fully built queue.
+std::atomic<WorkThread*> _g_work_thread{nullptr};
+
+// Makes the default queue at load time and drops its handle at exit.
+struct DefaultWorkQueue {
+    pid_t mPid;
+
+    DefaultWorkQueue() : mPid(getpid()) {
+        _g_work_thread.store(new WorkThread, std::memory_order_release);
+    }
+    ~DefaultWorkQueue() {
+        // In a child of fork() the queue's lock may be held by a thread that
+        // does not exist there: leave the queue alone.
+        if (getpid() != mPid) return;
+        kel_dispatch_queue_destory(_g_work_thread.exchange(nullptr, std::memory_order_acq_rel));
+    }
+};
+
+DefaultWorkQueue _g_default_queue;
+
+// Rendezvous: one blocked caller, on its own stack for the length of the call.
+struct waiter {
+    void* tag;
+    waiter* next;
+    // The blocked caller's own value; null once a partner has served it.
+    intptr_t* value;
+};
+
+pthread_mutex_t _g_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t _g_wakeup = PTHREAD_COND_INITIALIZER;
+// Blocked callers, oldest first; at most one per tag. Under _g_lock.
+waiter* _g_waiters = nullptr;
+
+}  // namespace
+
+extern "C" {
+
+DispathQueue* kel_dispatch_queue_create() { return new WorkThread; }
+
+void kel_dispatch_queue_destory(DispathQueue* queue) {
+    if (queue == nullptr) return;
+    WorkThread* work = static_cast<WorkThread*>(queue);
+    if (work->unref()) delete work;
+}
+
+void kel_dispatch_queue_ref(DispathQueue* queue) { static_cast<WorkThread*>(queue)->ref(); }
+
+void kel_dispatch_async_t(DispathQueue* queue, DispatchFunc func, void* ctx) {
+    WorkThread* work = queue != nullptr ? static_cast<WorkThread*>(queue)
+                                        : _g_work_thread.load(std::memory_order_acquire);
+    if (work == nullptr) {
+        KEL_LOG(LOG_WARN, "default work queue is gone, work dropped");
+        return;
+    }
+    work->syncExec(func, ctx);
+}
+
+intptr_t kel_rendezvous(void* tag, intptr_t value) {
+    waiter wait = {tag, nullptr, &value};
+    pthread_mutex_lock(&_g_lock);
+    waiter** prev = &_g_waiters;
+    bool served = false;
+    for (; *prev != nullptr; prev = &(*prev)->next) {
+        waiter* other = *prev;
+        if (other->tag == tag) {
+            intptr_t tmp = *other->value;
+            *other->value = value;
+            value = tmp;
+            other->value = nullptr;
+            *prev = other->next;
+            pthread_cond_broadcast(&_g_wakeup);
+            served = true;
+            break;
+        }
+    }
+    if (!served) {
+        *prev = &wait;
+        // A broadcast wakes the waiters of every tag; only the one served
+        // (its pointer cleared by the partner) leaves.
+        while (wait.value != nullptr) pthread_cond_wait(&_g_wakeup, &_g_lock);
+    }
+    pthread_mutex_unlock(&_g_lock);
+    return value;
+}
+
+}  // extern "C"

@@ -1,0 +1,116 @@
+#include "kel_thread.h"
+
+#include <sched.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/prctl.h>
+
+#include "common_log.h"
+
+namespace {
+
+// Numbers the threads in their default names.
+std::atomic<unsigned> _g_thread_seq{0};
+
+}  // namespace
+
+SimpleThread::SimpleThread() : mThread(), mRunning(false), mJoin(false) {
+    pthread_mutex_init(&mMutex, nullptr);
+}
+
+SimpleThread::~SimpleThread() {
+    // Memory ordering: relaxed; the value only decides whether to warn.
+    if (mRunning.load(std::memory_order_relaxed)) {
+        KEL_LOG(LOG_WARN, "Thread %lx went out of scope while running!",
+                static_cast<unsigned long>(mThread));
+    }
+    pthread_mutex_destroy(&mMutex);
+}
+
+void SimpleThread::startup() {}
+
+void SimpleThread::cleanup() {}
+
+void* SimpleThread::callback(void* arg) {
+    SimpleThread* self = static_cast<SimpleThread*>(arg);
+    char name[16];
+    // Memory ordering: relaxed; only uniqueness of the number matters.
+    snprintf(name, sizeof name, "kel-thr-%u",
+             _g_thread_seq.fetch_add(1, std::memory_order_relaxed) % 10000000u);
+    prctl(PR_SET_NAME, name, 0, 0, 0);
+
+    // startup() and cleanup() frame run() on the thread itself, so a subclass
+    // can set up and release per-thread resources there.
+    self->startup();
+    self->run();
+    self->cleanup();
+
+    pthread_mutex_lock(&self->mMutex);
+    // Memory ordering: relaxed; writers are ordered by mMutex, and lock-free
+    // readers only report.
+    self->mRunning.store(false, std::memory_order_relaxed);
+    if (!self->mJoin) pthread_detach(pthread_self());
+    pthread_mutex_unlock(&self->mMutex);
+    pthread_exit(nullptr);
+}
+
+bool SimpleThread::start() {
+    // The result is taken under the lock: a thread that ends at once still
+    // counts as started, so true always means "a thread was created or runs".
+    bool started;
+    pthread_mutex_lock(&mMutex);
+    // Memory ordering: relaxed; mMutex orders every write of mRunning.
+    if (!mRunning.load(std::memory_order_relaxed)) {
+        int ret = pthread_create(&mThread, nullptr, callback, this);
+        if (ret != 0) KEL_LOG(LOG_WARN, "pthread_create failed, %d, %s", ret, strerror(ret));
+        mJoin = false;
+        mRunning.store(ret == 0, std::memory_order_relaxed);
+        started = (ret == 0);
+    } else {
+        started = true;
+    }
+    pthread_mutex_unlock(&mMutex);
+    return started;
+}
+
+bool SimpleThread::join() {
+    int ret = 0;
+    pthread_mutex_lock(&mMutex);
+    // Memory ordering: relaxed; mMutex orders every write of mRunning.
+    if (mRunning.load(std::memory_order_relaxed)) {
+        // With mJoin set the thread no longer detaches itself, so it is
+        // joined exactly once here even if it ends before pthread_join.
+        mJoin = true;
+        pthread_mutex_unlock(&mMutex);
+        ret = pthread_join(mThread, nullptr);
+        pthread_mutex_lock(&mMutex);
+        if (ret == 0) mRunning.store(false, std::memory_order_relaxed);
+    }
+    pthread_mutex_unlock(&mMutex);
+    return ret == 0;
+}
+
+bool SimpleThread::isRunning() const {
+    // Memory ordering: relaxed; a snapshot for the caller, no data depends on it.
+    return mRunning.load(std::memory_order_relaxed);
+}
+
+unsigned long SimpleThread::id() { return static_cast<unsigned long>(mThread); }
+
+unsigned long SimpleThread::selfId() { return static_cast<unsigned long>(pthread_self()); }
+
+void SimpleThread::yield() { sched_yield(); }
+
+bool SimpleThread::setPriority(int priority) {
+    sched_param param;
+    memset(&param, 0, sizeof param);
+    param.sched_priority = priority;
+    return pthread_setschedparam(mThread, SCHED_FIFO, &param) == 0;
+}
+
+bool SimpleThread::setName(const char* name) {
+    if (name != nullptr) prctl(PR_SET_NAME, name, 0, 0, 0);
+    return true;
+}
+
+void SimpleThread::cancel() { pthread_cancel(mThread); }

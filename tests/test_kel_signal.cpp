@@ -1,0 +1,463 @@
+// Start-up switches and real operating-system signals: which handler is
+// installed, what each branch of it does, and a storm of signals against a
+// busy loop.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common_log.h"
+#include "kel_loop.h"
+#include "kel_port.h"
+#include "kel_queue.h"
+#include "support/log_capture.h"
+#include "support/loop_harness.h"
+
+namespace {
+
+constexpr int kAppSig = 20;
+constexpr unsigned kNoHandlers = 0x1000000;
+constexpr unsigned kNoLogging = 0x2000000;
+
+std::string pidText(const char* fmt) {
+    char buf[160];
+    snprintf(buf, sizeof buf, fmt, static_cast<int>(getpid()));
+    return buf;
+}
+
+void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+// ------------------------------------------------------- start-up switches
+
+struct Switches {
+    unsigned defLevel;
+    bool handlers;
+    bool logging;
+};
+
+void PrintTo(const Switches& s, std::ostream* os) { *os << std::hex << "0x" << s.defLevel; }
+
+class InitAll : public ::testing::TestWithParam<Switches> {};
+
+std::string readFile(const std::string& path) {
+    std::ifstream f(path);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+void expectHandlerState(bool installed) {
+    struct sigaction term, pipe;
+    sigaction(SIGTERM, nullptr, &term);
+    sigaction(SIGPIPE, nullptr, &pipe);
+    for (const struct sigaction* a : {&term, &pipe}) {
+        if (!installed) {
+            EXPECT_EQ(a->sa_handler, SIG_DFL);
+            EXPECT_EQ(a->sa_flags & SA_SIGINFO, 0);
+            continue;
+        }
+        EXPECT_EQ(a->sa_flags & (SA_SIGINFO | SA_NOCLDWAIT), SA_SIGINFO | SA_NOCLDWAIT);
+        EXPECT_NE(reinterpret_cast<void*>(a->sa_sigaction), nullptr);
+        EXPECT_EQ(a->sa_sigaction, term.sa_sigaction) << "one handler for both";
+        for (int s = 1; s < NSIG; ++s) EXPECT_FALSE(sigismember(&a->sa_mask, s)) << s;
+    }
+}
+
+TEST_P(InitAll, SwitchBitsSelectHandlersAndLogging) {
+    Watchdog dog;
+    const Switches& sw = GetParam();
+    unsetenv("KEL_LOG_LEVEL");
+    kellog::kel_log_set_level(LOG_INFO);
+    char conf[] = "/tmp/kel-conf-XXXXXX";
+    int fd = mkstemp(conf);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, "level=20\n", 9), 9);
+    close(fd);
+    char out[] = "/tmp/kel-err-XXXXXX";
+    int errFd = mkstemp(out);
+    ASSERT_GE(errFd, 0);
+    int savedErr = dup(STDERR_FILENO);
+
+    // The logger reads its level from the file named by confpath and
+    // writes the name into every line: both arguments must land right.
+    KelLoop::init_all(sw.defLevel, "kel-probe-name", conf);
+    dup2(errFd, STDERR_FILENO);
+    __logprintf("f.cpp", 5, "probe", 5, 1, LOG_ERROR, "probe line");
+    dup2(savedErr, STDERR_FILENO);
+    close(savedErr);
+    close(errFd);
+    std::string written = readFile(out);
+    unlink(conf);
+    unlink(out);
+
+    EXPECT_TRUE(Kel::isAlive());
+    expectHandlerState(sw.handlers);
+    EXPECT_EQ(threadsNamed("kel-signal"), sw.handlers ? 1 : 0);
+    if (sw.logging) {
+        EXPECT_EQ(kellog::kel_log_get_level(), LOG_DUMP);
+        EXPECT_NE(written.find("kel-probe-name["), std::string::npos) << written;
+    } else {
+        EXPECT_EQ(kellog::kel_log_get_level(), LOG_INFO);
+        EXPECT_EQ(written.find("kel-probe-name"), std::string::npos) << written;
+    }
+
+    KelLoop::uninit_all();
+    EXPECT_FALSE(Kel::isAlive());
+    expectHandlerState(sw.handlers);  // uninit_all restores nothing
+}
+
+INSTANTIATE_TEST_SUITE_P(DefLevel, InitAll,
+                         ::testing::Values(Switches{0, true, true}, Switches{0xff, true, true},
+                                           Switches{kNoHandlers, false, true}, Switches{kNoLogging, true, false},
+                                           Switches{kNoHandlers | kNoLogging, false, false}));
+
+// ------------------------------------------------------------ signal loop
+
+// Records what the loop calls. `order` is written on the loop's thread only.
+class RecLoop : public KelLoop {
+public:
+    RecLoop() : KelLoop(64) {}
+
+    void poweroff() override { note("poweroff", poweroffs); }
+    void interrupt() override { note("interrupt", interrupts); }
+    bool broadcast(int w, int l) override {
+        broadcasts.fetch_add(1);
+        if (w != static_cast<int>(getpid())) foreignSenders.fetch_add(1);
+        if (recordOrder) order.push_back("broadcast " + std::to_string(w) + " " + std::to_string(l));
+        return true;
+    }
+    void procSubMsg(const QEvt* e) override {
+        loopTid.store(currentTid());
+        received.fetch_add(1);
+        long msg = static_cast<const GeneralQEvt*>(e)->message;
+        if (recordOrder) order.push_back("app " + std::to_string(msg));
+        if (msg == stopOnMessage) exitLoop();
+    }
+
+    std::atomic<int> poweroffs{0}, interrupts{0}, loopTid{0};
+    std::atomic<long> broadcasts{0}, foreignSenders{0}, received{0};
+    bool recordOrder = true;
+    long stopOnMessage = -1;
+    std::vector<std::string> order;
+
+private:
+    void note(const char* what, std::atomic<int>& n) {
+        n.fetch_add(1);
+        order.push_back(what);
+    }
+};
+
+bool postApp(long msg) {
+    GeneralQEvt* e = static_cast<GeneralQEvt*>(KelLoop::newEvt(kAppSig, sizeof(GeneralQEvt)));
+    if (e == nullptr) return false;
+    e->message = msg;
+    if (_loop->post(e)) return true;
+    Kel::gc(e);
+    return false;
+}
+
+class SignalLoop : public ::testing::Test {
+protected:
+    void SetUp() override {
+        cap = new LogCapture;  // before the handler exists, so it sees every line
+        KelLoop::init_all(0, "kel-test", nullptr);
+        loop = new RecLoop;
+    }
+    void TearDown() override {
+        expectPoolsFull(loop);
+        EXPECT_TRUE(loop->eventQueue()->isEmpty());
+        delete loop;
+        KelLoop::uninit_all();
+        EXPECT_TRUE(strayThreads().empty()) << ::testing::PrintToString(strayThreads());
+        delete cap;
+    }
+
+    std::string terminateLine() const {
+        char buf[200];
+        snprintf(buf, sizeof buf, "Application[%d] will poweroff or terminal, loop handler: %p", static_cast<int>(getpid()),
+                 static_cast<void*>(loop));
+        return buf;
+    }
+
+    // Index of the first captured line with this text, or -1.
+    int lineIndex(const std::string& text) const {
+        auto l = cap->lines();
+        for (size_t i = 0; i < l.size(); ++i) {
+            if (l[i].text == text) return static_cast<int>(i);
+        }
+        return -1;
+    }
+
+    Watchdog dog{60};
+    LogCapture* cap = nullptr;
+    RecLoop* loop = nullptr;
+};
+
+TEST_F(SignalLoop, TermFromAnotherThreadPowersOff) {
+    std::thread sender([] { kill(getpid(), SIGTERM); });
+    EXPECT_EQ(loop->execLoop(), 0);
+    sender.join();
+    EXPECT_EQ(loop->poweroffs.load(), 1);
+    EXPECT_EQ(cap->count(terminateLine(), LOG_WARN), 1);
+    EXPECT_EQ(cap->count("post cmd state, ret: 1", LOG_DEBUG), 1);
+    EXPECT_EQ(cap->count("PowerOff", LOG_DEBUG), 1);
+    EXPECT_LT(lineIndex(terminateLine()), lineIndex("post cmd state, ret: 1"));
+    EXPECT_FALSE(Kel::isAlive());
+}
+
+// True when the thread is asleep (for the loop: in its timed wait).
+bool threadSleeping(int tid) {
+    std::ifstream f("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string all((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    size_t close = all.rfind(')');
+    return close != std::string::npos && close + 2 < all.size() && all[close + 2] == 'S';
+}
+
+TEST_F(SignalLoop, TermOnLoopThreadDuringTimedWaitWakesIt) {
+    pthread_t loopThread = pthread_self();
+    std::thread sender([&] {
+        ASSERT_TRUE(postApp(1));
+        while (loop->loopTid.load() == 0) sleepMs(1);
+        // Give the loop the chance to fall asleep; it must wake either way.
+        for (int i = 0; i < 2000 && !threadSleeping(loop->loopTid.load()); ++i) sleepMs(1);
+        sleepMs(20);
+        pthread_kill(loopThread, SIGTERM);
+    });
+    EXPECT_EQ(loop->execLoop(), 0);
+    sender.join();
+    EXPECT_EQ(loop->order, (std::vector<std::string>{"app 1", "poweroff"}));
+    EXPECT_EQ(cap->count(terminateLine(), LOG_WARN), 1);
+}
+
+TEST_F(SignalLoop, PipeIsOnlyLogged) {
+    raise(SIGPIPE);
+    auto lines = cap->lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].text, pidText("Application[%d] signal:13 tigger"));
+    EXPECT_EQ(lines[0].level, LOG_ERROR);
+
+    // Nothing reached the loop: it runs on and stops only when told.
+    ASSERT_TRUE(postApp(1));
+    loop->stopOnMessage = 1;
+    EXPECT_EQ(loop->execLoop(), 0);
+    EXPECT_EQ(loop->order, (std::vector<std::string>{"app 1"}));
+}
+
+TEST_F(SignalLoop, InterruptBranchStopsLoop) {
+    installKelHandlerFor(SIGINT);
+    std::thread sender([] { kill(getpid(), SIGINT); });
+    EXPECT_EQ(loop->execLoop(), 0);
+    sender.join();
+    EXPECT_EQ(loop->interrupts.load(), 1);
+    EXPECT_EQ(loop->poweroffs.load(), 0);
+    EXPECT_EQ(cap->count(pidText("Application[%d] 'Ctrl+C' tigger."), LOG_WARN), 1);
+}
+
+class UserSignal : public SignalLoop, public ::testing::WithParamInterface<int> {};
+
+TEST_P(UserSignal, ValueOvertakesQueuedEvents) {
+    const int sig = GetParam();
+    installKelHandlerFor(sig);
+    for (long m = 1; m <= 3; ++m) ASSERT_TRUE(postApp(m));
+    QEQueueCtr before = loop->eventQueue()->getNFree();
+    sigval v;
+    v.sival_int = 1234;
+    ASSERT_EQ(sigqueue(getpid(), sig, v), 0);
+    // The signal thread posts it; wait until it is queued.
+    while (loop->eventQueue()->getNFree() == before) sleepMs(1);
+
+    // It stands at the front: look at it and put it back.
+    const QEvt* front = loop->eventQueue()->get();
+    ASSERT_NE(front, nullptr);
+    ASSERT_EQ(front->sig, SIG_SYS_USER_SIGNAL);
+    const GeneralQEvt* g = static_cast<const GeneralQEvt*>(front);
+    EXPECT_EQ(g->message, sig);
+    EXPECT_EQ(g->wParam, getpid());
+    EXPECT_EQ(g->lParam, 1234);
+    loop->postLIFO(front);
+    Kel::gc(front);  // the reference that get handed out
+
+    loop->stopOnMessage = 3;
+    EXPECT_EQ(loop->execLoop(), 0);
+    std::string bc = "broadcast " + std::to_string(getpid()) + " 1234";
+    EXPECT_EQ(loop->order, (std::vector<std::string>{bc, "app 1", "app 2", "app 3"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Usr, UserSignal, ::testing::Values(SIGUSR1, SIGUSR2));
+
+// -------------------------------------------------- branches that end it all
+
+class FatalBranch : public ::testing::Test {
+protected:
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+void say(const char* text) {
+    ssize_t w = write(STDERR_FILENO, text, strlen(text));
+    (void)w;
+}
+
+class ErrorLoop : public KelLoop {
+public:
+    ErrorLoop() : KelLoop(8) {}
+    void occurSysError() override { say("[occurSysError]\n"); }
+};
+
+// Starts the framework in the child, with the handler also on `sig`, then
+// raises `sig` and waits for the end.
+[[noreturn]] void raiseInChild(int sig, bool withLoop) {
+    Watchdog dog(30);
+    KelLoop::init_all(0, "kel-child", nullptr);
+    if (withLoop) new ErrorLoop;  // lives until the process ends
+    atexit([] { say("[exit handlers]\n"); });
+    installKelHandlerFor(sig);
+    raise(sig);
+    for (;;) pause();
+}
+
+TEST_F(FatalBranch, ErrorLogsThenTellsLoopThenExits) {
+    EXPECT_EXIT(raiseInChild(SIGSEGV, true), ::testing::ExitedWithCode(1),
+                "Occur error by signal:11 !!!.*\\[occurSysError\\].*\\[exit handlers\\]");
+}
+
+TEST_F(FatalBranch, ErrorWithoutLoopExits) {
+    EXPECT_EXIT(raiseInChild(SIGFPE, false), ::testing::ExitedWithCode(1),
+                "Occur error by signal:8 !!!.*\\[exit handlers\\]");
+}
+
+TEST_F(FatalBranch, ExitBranchSkipsTheLoop) {
+    EXPECT_EXIT(raiseInChild(SIGQUIT, true), ::testing::ExitedWithCode(1), "will exit by signal:3\n.*\\[exit handlers\\]");
+}
+
+TEST_F(FatalBranch, TermWithoutLoopExits) {
+    EXPECT_EXIT(raiseInChild(SIGTERM, false), ::testing::ExitedWithCode(1),
+                "will poweroff or terminal, loop handler: \\(nil\\).*\\[exit handlers\\]");
+}
+
+// ------------------------------------------------------------------ storm
+
+// Counts the lines that tell of a lost request, from any thread and from
+// signal context (atomics only).
+std::atomic<long> gHandOverFull{0}, gSignalNoBlock{0}, gUserDropped{0}, gAppDropped{0};
+
+void countingLog(const char*, int, const char*, int, int, int, const char* fmt, ...) {
+    if (strcmp(fmt, "Application[%d] signal:%d dropped, hand-over full") == 0) {
+        gHandOverFull.fetch_add(1);
+    } else if (strcmp(fmt, "not free blocks") == 0) {
+        char name[17] = {0};
+        prctl(PR_GET_NAME, name, 0, 0, 0);
+        if (strcmp(name, "kel-signal") == 0) gSignalNoBlock.fetch_add(1);
+    } else if (strcmp(fmt, "queue full, event %d dropped for a LIFO post") == 0) {
+        va_list ap;
+        va_start(ap, fmt);
+        int sig = va_arg(ap, int);
+        va_end(ap);
+        (sig == SIG_SYS_USER_SIGNAL ? gUserDropped : gAppDropped).fetch_add(1);
+    }
+}
+
+void (*gKelHandler)(int, siginfo_t*, void*) = nullptr;
+std::atomic<long> gEntered{0}, gLeft{0};
+
+void countingHandler(int sig, siginfo_t* info, void* ctx) {
+    gEntered.fetch_add(1);
+    gKelHandler(sig, info, ctx);
+    gLeft.fetch_add(1);
+}
+
+bool usr1Pending(int tid) {
+    std::ifstream f("/proc/self/task/" + std::to_string(tid) + "/status");
+    std::string line;
+    while (std::getline(f, line)) {
+        if (line.rfind("SigPnd:", 0) == 0 || line.rfind("ShdPnd:", 0) == 0) {
+            unsigned long long mask = std::stoull(line.substr(7), nullptr, 16);
+            if (mask & (1ULL << (SIGUSR1 - 1))) return true;
+        }
+    }
+    return false;
+}
+
+TEST_F(SignalLoop, StormOfUserSignalsWhileThreadsPost) {
+    constexpr int kSignals = 100000;
+    struct sigaction act;
+    sigaction(SIGTERM, nullptr, &act);
+    gKelHandler = act.sa_sigaction;
+    act.sa_sigaction = countingHandler;
+    sigaction(SIGUSR1, &act, nullptr);
+    KelLogFunction oldLog = __logprintf;
+    __logprintf = countingLog;
+    loop->recordOrder = false;
+
+    int ret = -2;
+    std::thread looper([&] { ret = loop->execLoop(); });
+    std::atomic<bool> stopPosting{false};
+    std::atomic<long> posted{0};
+    std::atomic<int> posterTids[2] = {{0}, {0}};
+    std::vector<std::thread> posters;
+    for (int p = 0; p < 2; ++p) {
+        posters.emplace_back([&, p] {
+            posterTids[p].store(currentTid());
+            for (long i = 0; !stopPosting.load(); ++i) {
+                if (postApp(i)) {
+                    posted.fetch_add(1);
+                } else {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    while (loop->loopTid.load() == 0 || posterTids[0].load() == 0 || posterTids[1].load() == 0) sleepMs(1);
+    std::vector<pthread_t> targets = {looper.native_handle(), posters[0].native_handle(),
+                                      posters[1].native_handle()};
+    std::vector<int> targetTids = {loop->loopTid.load(), posterTids[0].load(), posterTids[1].load()};
+
+    // Aimed at the threads that allocate, post and release, so that the
+    // handler interrupts them inside the event core.
+    for (int i = 0; i < kSignals; ++i) pthread_kill(targets[i % targets.size()], SIGUSR1);
+    for (;;) {
+        bool pending = false;
+        for (int tid : targetTids) pending = pending || usr1Pending(tid);
+        if (!pending && gEntered.load() == gLeft.load()) break;
+        sleepMs(1);
+    }
+    stopPosting.store(true);
+    for (auto& t : posters) t.join();
+
+    // Every request that the handler took must reach broadcast, unless the
+    // log tells that it found no block or gave way on a full queue.
+    long accepted = gEntered.load() - gHandOverFull.load();
+    auto accounted = [&] { return loop->broadcasts.load() + gSignalNoBlock.load() + gUserDropped.load(); };
+    while (accounted() < accepted) sleepMs(1);
+    while (!loop->postCmd(SIG_EVENT_LOOP_EXIT)) std::this_thread::yield();
+    looper.join();
+    __logprintf = oldLog;
+
+    EXPECT_EQ(ret, 0);
+    EXPECT_GT(accepted, 0);
+    EXPECT_GT(loop->broadcasts.load(), 0);
+    EXPECT_EQ(accounted(), accepted);
+    EXPECT_EQ(loop->foreignSenders.load(), 0);
+    EXPECT_EQ(loop->received.load(), posted.load() - gAppDropped.load());
+    RecordProperty("signals_handled", static_cast<int>(gEntered.load()));
+    RecordProperty("broadcasts", static_cast<int>(loop->broadcasts.load()));
+    RecordProperty("lost_no_block", static_cast<int>(gSignalNoBlock.load()));
+    RecordProperty("lost_full_queue", static_cast<int>(gUserDropped.load()));
+    RecordProperty("refused_hand_over", static_cast<int>(gHandOverFull.load()));
+}
+
+}  // namespace

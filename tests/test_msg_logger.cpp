@@ -1,0 +1,91 @@
+// The logging stand-in: line layout, threshold, configuration, and writing
+// to a reader that has gone away.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+
+#include "msg_logger.h"
+
+namespace {
+
+// Runs `body` with stderr sent into a pipe; returns what it wrote.
+template <typename F>
+std::string captureStderr(F body) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    int saved = dup(STDERR_FILENO);
+    dup2(fds[1], STDERR_FILENO);
+    close(fds[1]);
+    body();
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    std::string out;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, n);
+    close(fds[0]);
+    return out;
+}
+
+std::atomic<int> _g_pipes{0};
+void countPipe(int) { _g_pipes.fetch_add(1); }
+
+}  // namespace
+
+TEST(MsgLogger, LineShowsLevelNameThreadPlaceAndMessage) {
+    kellog::kel_log_init(nullptr, "logtest");
+    std::string out = captureStderr([] { __logprintf("/x/y/file.cpp", 13, "work", 4, 42, LOG_WARN, "v=%d", 7); });
+    EXPECT_NE(out.find(" W logtest["), std::string::npos) << out;
+    EXPECT_NE(out.find("] file.cpp:42 work: v=7\n"), std::string::npos) << out;
+    EXPECT_EQ(out.find('\n'), out.size() - 1) << "one line";
+}
+
+TEST(MsgLogger, ThresholdDropsLowerLevels) {
+    kellog::kel_log_set_level(LOG_WARN);
+    std::string out = captureStderr([] {
+        __logprintf("f.cpp", 5, "f", 1, 1, LOG_INFO, "hidden");
+        __logprintf("f.cpp", 5, "f", 1, 2, LOG_ERROR, "shown");
+    });
+    EXPECT_EQ(out.find("hidden"), std::string::npos);
+    EXPECT_NE(out.find("shown"), std::string::npos);
+}
+
+TEST(MsgLogger, InitTakesTheLevelFromTheConfigurationFile) {
+    char path[] = "/tmp/kel-log-XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    const char text[] = "# kel\nlevel = 100\n";
+    ASSERT_EQ(write(fd, text, sizeof text - 1), static_cast<ssize_t>(sizeof text - 1));
+    close(fd);
+    unsetenv("KEL_LOG_LEVEL");
+    kellog::kel_log_init(path, "logtest");
+    unlink(path);
+    EXPECT_EQ(kellog::kel_log_get_level(), LOG_ERROR);
+}
+
+// With stderr piped into a reader that has ended, logging must not raise
+// SIGPIPE: a handler that logs would raise it again for ever.
+TEST(MsgLogger, ClosedReaderRaisesNoSigpipe) {
+    struct sigaction act = {}, old;
+    act.sa_handler = countPipe;
+    sigaction(SIGPIPE, &act, &old);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    close(fds[0]);
+    int saved = dup(STDERR_FILENO);
+    dup2(fds[1], STDERR_FILENO);
+    close(fds[1]);
+    for (int i = 0; i < 3; ++i) __logprintf("f.cpp", 5, "f", 1, 1, LOG_ERROR, "into nowhere");
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    sigset_t pending;
+    sigpending(&pending);
+    EXPECT_EQ(_g_pipes.load(), 0);
+    EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+    sigaction(SIGPIPE, &old, nullptr);
+}
