@@ -1,8 +1,12 @@
 // Exhausted resources at every point that reports them: event pools run dry,
 // the queue full, the heap failing under the dispatch node store. Each case
 // checks the log line, that nothing leaks, and that the caller's retry works.
-// This binary replaces the global allocation functions to fail on demand.
+// This binary replaces the global allocation functions and pthread_create
+// to fail on demand.
+#include <dlfcn.h>
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,11 +19,14 @@
 #include <vector>
 
 #include "app_timer.h"
+#include "daemon_thread.h"
 #include "dispatch_process.h"
+#include "kel_dispatch.h"
 #include "kel_loop.h"
 #include "kel_port.h"
 #include "kel_queue.h"
 #include "kel_state.h"
+#include "kel_thread.h"
 #include "state_mache.h"
 #include "support/log_capture.h"
 #include "support/loop_helpers.h"
@@ -43,6 +50,19 @@ void operator delete(void* p) noexcept { free(p); }
 void operator delete[](void* p) noexcept { free(p); }
 void operator delete(void* p, size_t) noexcept { free(p); }
 void operator delete[](void* p, size_t) noexcept { free(p); }
+
+// --------------------------------------------------- failing thread creation
+
+namespace {
+std::atomic<bool> gFailThreads{false};
+}  // namespace
+
+extern "C" int pthread_create(pthread_t* th, const pthread_attr_t* attr, void* (*fn)(void*), void* arg) {
+    typedef int (*Create)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static Create real = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+    if (gFailThreads.load()) return EAGAIN;
+    return real(th, attr, fn, arg);
+}
 
 namespace {
 
@@ -425,4 +445,92 @@ TEST(DispatchFaults, HeapFailureUnderLoadLosesOnlyTheFailedItems) {
     for (int i = 0; i < static_cast<int>(expected.size()); ++i) q.enqueue(FUNC(&Tracker::call), &targets[i]);
     q.queueProcess(0);
     EXPECT_EQ(log.size(), expected.size());
+}
+
+// ------------------------------------------------------- thread services
+
+namespace {
+
+class Once : public SimpleThread {
+public:
+    void run() override { ran.fetch_add(1); }
+    std::atomic<int> ran{0};
+};
+
+class Task : public DaemonThread {
+public:
+    void run() override { ran.fetch_add(1); }
+    void threadExit() override { exited.fetch_add(1); }
+    std::atomic<int> ran{0}, exited{0};
+};
+
+const char* kCreateFailed = "pthread_create failed, 11, Resource temporarily unavailable";
+
+}  // namespace
+
+// No thread can be made: start() says so with its line and changes nothing;
+// the retry works once threads can be made again.
+TEST(ThreadFaults, SimpleThreadStartFailsCleanlyAndCanBeRetried) {
+    armWatchdog(60);
+    Once t;
+    {
+        LogCapture cap;
+        gFailThreads = true;
+        EXPECT_FALSE(t.start());
+        gFailThreads = false;
+        EXPECT_EQ(cap.count(kCreateFailed, LOG_WARN), 1);
+    }
+    EXPECT_FALSE(t.isRunning());
+    EXPECT_TRUE(t.join()) << "nothing to join";
+    ASSERT_TRUE(t.start());
+    EXPECT_TRUE(t.join());
+    EXPECT_EQ(t.ran.load(), 1);
+}
+
+// A task that found no thread (two attempts, two lines) stays refused until
+// it is destroyed; its threadless record is never handed out again, and
+// other tasks work as soon as threads can be made again.
+TEST(ThreadFaults, DaemonThreadStartFailsAndThePoolStaysUsable) {
+    armWatchdog(60);
+    ASSERT_EQ(kel_pool_counts().alive, 0);
+    {
+        Task refused;
+        LogCapture cap;
+        gFailThreads = true;
+        EXPECT_FALSE(refused.start());
+        gFailThreads = false;
+        EXPECT_EQ(cap.count(kCreateFailed, LOG_WARN), 2);
+        EXPECT_FALSE(refused.start()) << "bound to the threadless record";
+        EXPECT_EQ(refused.ran.load(), 0);
+    }
+    EXPECT_EQ(kel_pool_counts().alive, 0);
+    EXPECT_EQ(kel_pool_counts().used, 1) << "the threadless record";
+    Task t;
+    ASSERT_TRUE(t.start());
+    ASSERT_TRUE(waitUntil([&] { return t.exited.load() == 1; }));
+    EXPECT_EQ(t.ran.load(), 1);
+    EXPECT_TRUE(waitUntil([] { return kel_pool_counts().used == 1 && kel_pool_counts().free == 1; }));
+}
+
+// Work queued while no thread can be made stays queued (and its queue is
+// kept); a fresh queue works once threads can be made again.
+TEST(ThreadFaults, WorkQueueWithoutThreadKeepsItsWorkAndOthersRun) {
+    armWatchdog(60);
+    std::atomic<int> ran{0};
+    auto count = [](void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1); };
+    DispathQueue* stuck = kel_dispatch_queue_create();
+    {
+        LogCapture cap;
+        gFailThreads = true;
+        kel_dispatch_async_t(stuck, count, &ran);
+        gFailThreads = false;
+        EXPECT_EQ(cap.count(kCreateFailed, LOG_WARN), 2);
+    }
+    kel_dispatch_queue_destory(stuck);
+    DispathQueue* q = kel_dispatch_queue_create();
+    for (int i = 0; i < 3; ++i) kel_dispatch_async_t(q, count, &ran);
+    kel_dispatch_queue_destory(q);
+    EXPECT_TRUE(waitUntil([&] { return ran.load() == 3; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(ran.load(), 3) << "the work of the queue without a thread ran";
 }
