@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
 .PHONY: all configure build demo test bench clean format format-check \
-	check-all check-asan check-tsan check-arm check-valgrind check-static
+	check-all check-asan check-tsan check-arm check-valgrind check-static check-fuzz
 
 all: build
 
@@ -47,6 +47,9 @@ check-valgrind:
 
 check-static:
 	@$(STEPS) static
+
+check-fuzz:
+	@$(STEPS) fuzz
 
 format:
 	@$(STEPS) format

@@ -7,6 +7,7 @@
 #   arm       cross build for 32-bit ARM, suite and examples under qemu (`build-arm`)
 #   valgrind  examples and the ctest cases labelled `valgrind`, host tree `build`
 #   static    clang-tidy and cppcheck on events/ util/ log/
+#   fuzz      each libFuzzer target for KEL_FUZZ_SECONDS (default 60) from its seeds
 #   format-check  every tracked C++ file matches .clang-format
 #
 # Usage: .ci/steps.sh deps | all | format | STEP...
@@ -45,6 +46,8 @@ deps() {
     have cppcheck || missing+=(cppcheck)
     have clang-tidy || missing+=(clang-tidy)
     have clang-format || missing+=(clang-format)
+    have clang++ || missing+=(clang)
+    dpkg -s libclang-rt-14-dev >/dev/null 2>&1 || missing+=(libclang-rt-14-dev)
     [ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
     [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
     [ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
@@ -137,6 +140,10 @@ step_static() {
     return $rc
 }
 
+step_fuzz() {
+    bash fuzz/run.sh "${KEL_FUZZ_SECONDS:-60}"
+}
+
 cxx_files() {
     git ls-files -- '*.h' '*.hpp' '*.cpp' '*.cc'
 }
@@ -159,7 +166,7 @@ do_format() {
 
 # ------------------------------------------------------------------ driver
 
-ALL_STEPS=(test asan tsan arm valgrind static format-check)
+ALL_STEPS=(test asan tsan arm valgrind static fuzz format-check)
 # Steps whose failure shows as WARN and does not fail the run. format-check
 # stays here until the tree has been formatted once (`make format`); then
 # empty the list.
@@ -233,7 +240,7 @@ main() {
             deps) deps || exit 1 ;;
             format) do_format || exit 1 ;;
             all) deps || exit 1; steps+=("${ALL_STEPS[@]}") ;;
-            test | asan | tsan | arm | valgrind | static | format-check) steps+=("$s") ;;
+            test | asan | tsan | arm | valgrind | static | fuzz | format-check) steps+=("$s") ;;
             *) echo "unknown step: $s"; exit 2 ;;
         esac
     done
