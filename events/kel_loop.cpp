@@ -210,30 +210,32 @@ void kel_signal_install() {
 }  // namespace
 
 KelLoop::KelLoop(unsigned int msgs) : state_mache(nullptr), thread_id(0) {
-    // One loop per process: checked before anything is made or registered.
-    KEL_ASSERT(_loop == nullptr && _timer == nullptr);
+    // Owned while the constructor runs, so that a failure leaks nothing. A
+    // second loop fails at the timer list's pool: the table is full for good
+    // once one loop has been built.
     std::unique_ptr<KelQueue> q(new KelQueue);
     std::unique_ptr<KelPool> pg(new KelPool);
     std::unique_ptr<KelPool> ps(new KelPool);
     // The timer list registers its pool here, ahead of the two event pools.
     std::unique_ptr<KelTimer> t(new KelTimer);
-    std::unique_ptr<GeneralQEvt[]> gp(new GeneralQEvt[msgs]);
-    std::unique_ptr<StateQEvt[]> sp(new StateQEvt[msgs]);
-
-    q->init(evt_queue, 128);
+    std::unique_ptr<GeneralQEvt[]> gp;
+    std::unique_ptr<StateQEvt[]> sp;
     try {
+        gp.reset(new GeneralQEvt[msgs]);
+        sp.reset(new StateQEvt[msgs]);
+        KEL_ASSERT(_loop == nullptr && _timer == nullptr);
+        q->init(evt_queue, 128);
         pg->init(gp.get(), msgs * sizeof(GeneralQEvt), sizeof(GeneralQEvt));
         ps->init(sp.get(), msgs * sizeof(StateQEvt), sizeof(StateQEvt));
     } catch (...) {
-        // A pool refused (`msgs` 0, or a pool of the application's own took
-        // a place) after others registered: the table keeps pointing at
-        // them, so they are left alive.
+        // Pools registered by now stay in the table for good, so they and
+        // their storage are left alive (`msgs` 0, no heap, or a pool of the
+        // application's own taking a place).
         t.release();
         pg.release();
         gp.release();
         throw;
     }
-
     queue = q.release();
     pool_gen = pg.release();
     pool_state = ps.release();
