@@ -99,9 +99,10 @@ private:
 // Drives a dispatch queue with blocking processing calls on its own thread.
 class QueueDriver {
 public:
-    explicit QueueDriver(Queue& q) : mQueue(q), mThread([this] {
-        while (!mStop.load(std::memory_order_relaxed)) mQueue.queueProcess(1);
-    }) {}
+    explicit QueueDriver(Queue& q)
+        : mQueue(q), mThread([this] {
+              while (!mStop.load(std::memory_order_relaxed)) mQueue.queueProcess(1);
+          }) {}
     ~QueueDriver() {
         mStop = true;
         mQueue.interrupt();

@@ -41,8 +41,10 @@ class BenchLoop : public KelLoop {
 public:
     BenchLoop() : KelLoop(256) {}
     void procSubMsg(const QEvt* e) override {
-        if (e->sig == SIG_PING) reply.signal();
-        else consumed.fetch_add(1, std::memory_order_release);
+        if (e->sig == SIG_PING)
+            reply.signal();
+        else
+            consumed.fetch_add(1, std::memory_order_release);
     }
     Reply reply;
     std::atomic<long> consumed{0};

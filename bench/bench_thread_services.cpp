@@ -152,9 +152,8 @@ void BM_BaselineStdThreadCreate(benchmark::State& state) {
         auto t0 = Clock::now();
         std::thread t([&] { entered.store(Clock::now().time_since_epoch().count()); });
         t.join();
-        state.SetIterationTime(std::chrono::duration<double>(
-                                   Clock::duration(entered.load()) - t0.time_since_epoch())
-                                   .count());
+        state.SetIterationTime(
+            std::chrono::duration<double>(Clock::duration(entered.load()) - t0.time_since_epoch()).count());
     }
 }
 BENCHMARK(BM_BaselineStdThreadCreate)->UseManualTime();

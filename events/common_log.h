@@ -18,21 +18,21 @@
 extern "C" {
 // Failure call of every run-time check. `file_len` and `func_len` are
 // ignored. Does not return: throws std::runtime_error. Writes no log line.
-[[noreturn]] KEL_API void _gen_log_assert_fail(const char* file, int file_len, const char* func,
-                                               int func_len, int line);
+[[noreturn]] KEL_API void _gen_log_assert_fail(const char* file, int file_len, const char* func, int func_len,
+                                               int line);
 }
 
-#define KEL_LOG(level, ...)                                                                  \
-    __logprintf(__FILE__, static_cast<int>(sizeof(__FILE__) - 1), __func__,                 \
+#define KEL_LOG(level, ...)                                                 \
+    __logprintf(__FILE__, static_cast<int>(sizeof(__FILE__) - 1), __func__, \
                 static_cast<int>(sizeof(__func__) - 1), __LINE__, (level), __VA_ARGS__)
 
-#define KEL_ASSERT_FAIL()                                                                    \
-    _gen_log_assert_fail(__FILE__, static_cast<int>(sizeof(__FILE__) - 1), __func__,        \
+#define KEL_ASSERT_FAIL()                                                            \
+    _gen_log_assert_fail(__FILE__, static_cast<int>(sizeof(__FILE__) - 1), __func__, \
                          static_cast<int>(sizeof(__func__) - 1), __LINE__)
 
-#define KEL_ASSERT(cond)                                                                     \
-    do {                                                                                     \
-        if (__builtin_expect(!(cond), 0)) KEL_ASSERT_FAIL();                                 \
+#define KEL_ASSERT(cond)                                     \
+    do {                                                     \
+        if (__builtin_expect(!(cond), 0)) KEL_ASSERT_FAIL(); \
     } while (0)
 
 #ifdef NDEBUG

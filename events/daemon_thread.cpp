@@ -55,10 +55,10 @@ struct DaemonThreadPrivate {
     pthread_cond_t mCond;
 
     // Pool bookkeeping, under the pool lock.
-    ThreadList::iterator mPos;     // entry in mUsedThread or mFreeThread
-    bool mFree;                    // the entry is in mFreeThread
-    bool mJoinable;                // a thread was created and not joined
-    bool mOrphan;                  // the thread lived in the parent of a fork
+    ThreadList::iterator mPos;       // entry in mUsedThread or mFreeThread
+    bool mFree;                      // the entry is in mFreeThread
+    bool mJoinable;                  // a thread was created and not joined
+    bool mOrphan;                    // the thread lived in the parent of a fork
     DaemonThreadPrivate* mLeftNext;  // chain of records kept past teardown
 
     // Who disposes of the thread at process exit: the teardown joins a
@@ -264,8 +264,7 @@ void* DaemonThreadPrivate::callback(void* arg) {
 // ---------------------------------------------------------------------------
 // ThreadManage
 
-ThreadManage::ThreadManage()
-    : mThreadExit(false), mInFlight(0), mForkLocked(false), mNextIndex(1) {
+ThreadManage::ThreadManage() : mThreadExit(false), mInFlight(0), mForkLocked(false), mNextIndex(1) {
     pthread_mutex_init(&mMutex, nullptr);
     pthread_atfork(forkPrepare, forkParent, forkChild);
 }
@@ -369,8 +368,8 @@ ThreadManage::~ThreadManage() {
     for (DaemonThreadPrivate* th : mUsedThread) {
         if (!th->mJoinable) {
             delete th;  // its creation failed: no thread ever used it
-        } else if (th->mEnd.exchange(DaemonThreadPrivate::kAbandoned,
-                                     std::memory_order_acq_rel) == DaemonThreadPrivate::kLeftLoop) {
+        } else if (th->mEnd.exchange(DaemonThreadPrivate::kAbandoned, std::memory_order_acq_rel) ==
+                   DaemonThreadPrivate::kLeftLoop) {
             pthread_join(th->mThread, nullptr);
             delete th;
         } else {
@@ -465,9 +464,7 @@ const char* DaemonThread::runningStep() const {
     return mRunningStep.load(std::memory_order_acquire);
 }
 
-void DaemonThread::setRunningStep(const char* step) {
-    mRunningStep.store(step, std::memory_order_release);
-}
+void DaemonThread::setRunningStep(const char* step) { mRunningStep.store(step, std::memory_order_release); }
 
 void DaemonThread::setName(const char* name) {
     if (name == nullptr) return;

@@ -62,9 +62,7 @@ inline ItemTimer* nextTimer(const ItemTimer* t) { return static_cast<ItemTimer*>
 // finds it empty, never shrinks. mMtx is a leaf lock: callers may hold a
 // queue's mutex, never the other way round.
 
-constexpr size_t maxOf(size_t a, size_t b, size_t c) {
-    return a > b ? (a > c ? a : c) : (b > c ? b : c);
-}
+constexpr size_t maxOf(size_t a, size_t b, size_t c) { return a > b ? (a > c ? a : c) : (b > c ? b : c); }
 
 class NodePool {
 public:
@@ -167,9 +165,7 @@ timespec timeUsToTimespec(int64_t time_us) {
 
 // A delay in ms as microseconds. The product is a 32-bit signed value, which
 // is why delays are limited to 2147483 ms; it wraps rather than overflows.
-int64_t periodUs(int msec) {
-    return static_cast<int32_t>(static_cast<uint32_t>(msec) * 1000u);
-}
+int64_t periodUs(int msec) { return static_cast<int32_t>(static_cast<uint32_t>(msec) * 1000u); }
 
 // Locks a pthread mutex for a scope, also when an exception passes.
 class MutexGuard {
@@ -187,12 +183,12 @@ private:
 
 // A check made with the queue's mutex held: the mutex is released before the
 // assertion fires, so a misuse caught here leaves the queue usable.
-#define DISPATCH_CHECK_UNLOCK(cond, mtx)                                                     \
-    do {                                                                                     \
-        if (__builtin_expect(!(cond), 0)) {                                                  \
-            pthread_mutex_unlock(mtx);                                                       \
-            KEL_ASSERT_FAIL();                                                               \
-        }                                                                                    \
+#define DISPATCH_CHECK_UNLOCK(cond, mtx)    \
+    do {                                    \
+        if (__builtin_expect(!(cond), 0)) { \
+            pthread_mutex_unlock(mtx);      \
+            KEL_ASSERT_FAIL();              \
+        }                                   \
     } while (0)
 
 timespec internal::timespecAfter(const timespec& now, int64_t time_us) {
@@ -648,9 +644,9 @@ void Queue::lock() {
 
 void Queue::unlock() {
     pthread_mutex_lock(&d->lock);
-    DISPATCH_CHECK_UNLOCK(d->locked && d->locked_explicit &&
-                              pthread_equal(d->locked_explicit_thread, pthread_self()),
-                          &d->lock);
+    DISPATCH_CHECK_UNLOCK(
+        d->locked && d->locked_explicit && pthread_equal(d->locked_explicit_thread, pthread_self()),
+        &d->lock);
     d->locked = false;
     d->locked_explicit = false;
     d->lock_requests--;

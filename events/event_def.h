@@ -38,9 +38,9 @@ enum {
 
 // Header of every event.
 struct QEvt {
-    QSignal sig;       // signal number
-    uint8_t poolId_;   // 0: from no pool; otherwise 1 + index of its pool in Kel::Kel_pool_
-    uint8_t refCtr_;   // references; 0 from allocation until the first post
+    QSignal sig;      // signal number
+    uint8_t poolId_;  // 0: from no pool; otherwise 1 + index of its pool in Kel::Kel_pool_
+    uint8_t refCtr_;  // references; 0 from allocation until the first post
 
     QEvt() : sig(0), poolId_(0), refCtr_(0) {}
     // A record of the application's own (a static or stack event): it comes

@@ -181,9 +181,7 @@ std::atomic<WorkThread*> _g_work_thread{nullptr};
 struct DefaultWorkQueue {
     pid_t mPid;
 
-    DefaultWorkQueue() : mPid(getpid()) {
-        _g_work_thread.store(new WorkThread, std::memory_order_release);
-    }
+    DefaultWorkQueue() : mPid(getpid()) { _g_work_thread.store(new WorkThread, std::memory_order_release); }
     ~DefaultWorkQueue() {
         // In a child of fork() the queue's lock may be held by a thread that
         // does not exist there: leave the queue alone.
@@ -222,8 +220,8 @@ void kel_dispatch_queue_destory(DispathQueue* queue) {
 void kel_dispatch_queue_ref(DispathQueue* queue) { static_cast<WorkThread*>(queue)->ref(); }
 
 void kel_dispatch_async_t(DispathQueue* queue, DispatchFunc func, void* ctx) {
-    WorkThread* work = queue != nullptr ? static_cast<WorkThread*>(queue)
-                                        : _g_work_thread.load(std::memory_order_acquire);
+    WorkThread* work =
+        queue != nullptr ? static_cast<WorkThread*>(queue) : _g_work_thread.load(std::memory_order_acquire);
     if (work == nullptr) {
         KEL_LOG(LOG_WARN, "default work queue is gone, work dropped");
         return;

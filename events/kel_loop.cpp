@@ -48,12 +48,25 @@ enum Branch { kOther, kInterrupt, kExit, kError, kUser, kTerminate };
 
 Branch branchOf(int sig) {
     switch (sig) {
-        case SIGINT: return kInterrupt;
-        case SIGQUIT: case SIGKILL: return kExit;
-        case SIGILL: case SIGABRT: case SIGBUS: case SIGFPE: case SIGSEGV: case SIGSTKFLT: return kError;
-        case SIGUSR1: case SIGUSR2: return kUser;
-        case SIGTERM: return kTerminate;
-        default: return kOther;
+        case SIGINT:
+            return kInterrupt;
+        case SIGQUIT:
+        case SIGKILL:
+            return kExit;
+        case SIGILL:
+        case SIGABRT:
+        case SIGBUS:
+        case SIGFPE:
+        case SIGSEGV:
+        case SIGSTKFLT:
+            return kError;
+        case SIGUSR1:
+        case SIGUSR2:
+            return kUser;
+        case SIGTERM:
+            return kTerminate;
+        default:
+            return kOther;
     }
 }
 
@@ -81,7 +94,8 @@ void runBranch(const SigRequest& r) {
             exit(1);
         case kUser: {
             if (_loop == nullptr) exit(1);
-            GeneralQEvt* e = static_cast<GeneralQEvt*>(KelLoop::newEvt(SIG_SYS_USER_SIGNAL, sizeof(GeneralQEvt)));
+            GeneralQEvt* e =
+                static_cast<GeneralQEvt*>(KelLoop::newEvt(SIG_SYS_USER_SIGNAL, sizeof(GeneralQEvt)));
             if (e == nullptr) return;  // lost; newX_ has logged
             e->message = r.sig;
             e->wParam = r.pid;
@@ -125,7 +139,8 @@ void signal_handler(int sig, siginfo_t* info, void*) {
     Branch b = branchOf(sig);
     switch (b) {
         case kError:
-            KEL_LOG(LOG_WARN, "Application[%d] Occur error by signal:%d !!!", static_cast<int>(getpid()), sig);
+            KEL_LOG(LOG_WARN, "Application[%d] Occur error by signal:%d !!!", static_cast<int>(getpid()),
+                    sig);
             break;
         case kInterrupt:
             KEL_LOG(LOG_WARN, "Application[%d] 'Ctrl+C' tigger.", static_cast<int>(getpid()));
@@ -151,7 +166,8 @@ void signal_handler(int sig, siginfo_t* info, void*) {
         if (write(fd, &r, sizeof r) != static_cast<ssize_t>(sizeof r)) {
             // The signal thread is that far behind: the request is refused
             // here rather than blocking the interrupted thread.
-            KEL_LOG(LOG_ERROR, "Application[%d] signal:%d dropped, hand-over full", static_cast<int>(getpid()), sig);
+            KEL_LOG(LOG_ERROR, "Application[%d] signal:%d dropped, hand-over full",
+                    static_cast<int>(getpid()), sig);
         } else if (b == kError || b == kExit) {
             // The signal thread ends the process. Should it be unable to (a
             // lock held by this thread), end it here after a while.
@@ -332,7 +348,8 @@ KelLoop::Turn KelLoop::waitEvent(const QEvt*& evt) {
         }
         if (ret > 0) {
             KEL_LOG(LOG_ERROR, "timewait failed, ret = %d, %d", ret, 1);
-            KEL_LOG(LOG_ERROR, "timeout: %ld, %ld", static_cast<long>(val.tv_sec), static_cast<long>(val.tv_nsec));
+            KEL_LOG(LOG_ERROR, "timeout: %ld, %ld", static_cast<long>(val.tv_sec),
+                    static_cast<long>(val.tv_nsec));
             return kWaitFailed;
         }
         // Woken without an event (wakeupCore, a spurious wake-up): read the
@@ -400,7 +417,8 @@ int KelLoop::execLoop() {
 }
 
 bool KelLoop::getMessage(const QEvt*& evt) {
-    if (thread_id.load(std::memory_order_relaxed) != selfId()) thread_id.store(selfId(), std::memory_order_relaxed);
+    if (thread_id.load(std::memory_order_relaxed) != selfId())
+        thread_id.store(selfId(), std::memory_order_relaxed);
     bool is_running = true;
     while (is_running) {
         evt = nullptr;

@@ -50,9 +50,9 @@ public:
     KelPool& operator=(const KelPool&) = delete;
 
 private:
-    void* m_start;        // first block
-    void* m_end;          // start of the last block
-    void* m_free_head;    // head of the free list; null when none is free
+    void* m_start;      // first block
+    void* m_end;        // start of the last block
+    void* m_free_head;  // head of the free list; null when none is free
     QMPoolSize m_blockSize;
     QMPoolCtr m_nTot;
     // Written under the event mutex; read without it by `empty`/`showArgs`.

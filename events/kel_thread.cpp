@@ -21,8 +21,7 @@ SimpleThread::SimpleThread() : mThread(), mRunning(false), mJoin(false) {
 SimpleThread::~SimpleThread() {
     // Memory ordering: relaxed; the value only decides whether to warn.
     if (mRunning.load(std::memory_order_relaxed)) {
-        KEL_LOG(LOG_WARN, "Thread %lx went out of scope while running!",
-                static_cast<unsigned long>(mThread));
+        KEL_LOG(LOG_WARN, "Thread %lx went out of scope while running!", static_cast<unsigned long>(mThread));
     }
     pthread_mutex_destroy(&mMutex);
 }

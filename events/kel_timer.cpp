@@ -194,10 +194,13 @@ void KelTimer::showArgs() {
     clock_gettime(CLOCK_MONOTONIC, &now);
     PthreadLock lock(&mutex);
     KEL_LOG(LOG_DEBUG, "start show timer");
-    KEL_LOG(LOG_DEBUG, "now cpu time: (%ld.%ld)", static_cast<long>(now.tv_sec), static_cast<long>(now.tv_nsec));
+    KEL_LOG(LOG_DEBUG, "now cpu time: (%ld.%ld)", static_cast<long>(now.tv_sec),
+            static_cast<long>(now.tv_nsec));
     for (NodeTimer* t = root.next; t != &root; t = t->next) {
-        KEL_LOG(LOG_DEBUG, "proc: %p, isRepeat: %d, isRunning: %d, Repeat(%d, %d)", static_cast<void*>(t->proc),
-                t->proc->isRepeat(), t->proc->isRunning(), t->proc->repeatSec(), t->proc->repeatMSec());
-        KEL_LOG(LOG_DEBUG, "time: %ld.%ld--", static_cast<long>(t->time.tv_sec), static_cast<long>(t->time.tv_nsec));
+        KEL_LOG(LOG_DEBUG, "proc: %p, isRepeat: %d, isRunning: %d, Repeat(%d, %d)",
+                static_cast<void*>(t->proc), t->proc->isRepeat(), t->proc->isRunning(), t->proc->repeatSec(),
+                t->proc->repeatMSec());
+        KEL_LOG(LOG_DEBUG, "time: %ld.%ld--", static_cast<long>(t->time.tv_sec),
+                static_cast<long>(t->time.tv_nsec));
     }
 }

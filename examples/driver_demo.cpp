@@ -75,16 +75,16 @@ private:
 
     void procSubMsg(const Evt& e) override {
         switch (e.sig) {
-        case CMD_RESET:
-            mOffset = 0;
-            mSamples = 0;
-            mTotal = 0;
-            break;
-        case CMD_GAIN:
-            // Keep total == samples * gain - offset across the change.
-            mOffset += mSamples * (e.wParam - mGain);
-            mGain = e.wParam;
-            break;
+            case CMD_RESET:
+                mOffset = 0;
+                mSamples = 0;
+                mTotal = 0;
+                break;
+            case CMD_GAIN:
+                // Keep total == samples * gain - offset across the change.
+                mOffset += mSamples * (e.wParam - mGain);
+                mGain = e.wParam;
+                break;
         }
     }
 

@@ -45,7 +45,8 @@ void sendState(long msg, long arg = 0) {
 
 // Arms `t` to send `msg` to the machine after `ms`.
 void armSender(ATimer* t, long msg, int ms) {
-    t->setHandler([](ATimer*, void* m) { sendState(reinterpret_cast<long>(m)); }, reinterpret_cast<void*>(msg));
+    t->setHandler([](ATimer*, void* m) { sendState(reinterpret_cast<long>(m)); },
+                  reinterpret_cast<void*>(msg));
     t->restart(ms);
 }
 
@@ -55,7 +56,9 @@ class Device {
 public:
     explicit Device(StateMache* m) : mMache(m) {}
 
-    void start() { mThread = std::thread([this] { run(); }); }
+    void start() {
+        mThread = std::thread([this] { run(); });
+    }
     // Loop thread. Returns once the thread has ended.
     void stop() {
         {

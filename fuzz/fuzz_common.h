@@ -25,12 +25,12 @@ inline void quietLog(const char*, int, const char*, int, int, int, const char* f
 
 inline bool lastLineIs(const char* text) { return strcmp(gLastLine, text) == 0; }
 
-#define FUZZ_CHECK(cond)                                                            \
-    do {                                                                            \
-        if (!(cond)) {                                                              \
+#define FUZZ_CHECK(cond)                                                                 \
+    do {                                                                                 \
+        if (!(cond)) {                                                                   \
             fprintf(stderr, "model mismatch at %s:%d: %s\n", __FILE__, __LINE__, #cond); \
-            __builtin_trap();                                                       \
-        }                                                                           \
+            __builtin_trap();                                                            \
+        }                                                                                \
     } while (0)
 
 // Reads the input a byte at a time; zeros once it is used up.
@@ -39,7 +39,9 @@ public:
     Input(const uint8_t* data, size_t size) : mData(data), mSize(size), mPos(0) {}
     bool more() const { return mPos < mSize; }
     uint8_t byte() { return mPos < mSize ? mData[mPos++] : 0; }
-    uint32_t word() { return byte() | (byte() << 8) | (byte() << 16) | (static_cast<uint32_t>(byte()) << 24); }
+    uint32_t word() {
+        return byte() | (byte() << 8) | (byte() << 16) | (static_cast<uint32_t>(byte()) << 24);
+    }
 
 private:
     const uint8_t* mData;

@@ -50,9 +50,9 @@ struct Pending {
 
 struct TimerModel {
     bool running = false;
-    bool due = false;   // pending entry with delay 0 (otherwise far)
+    bool due = false;  // pending entry with delay 0 (otherwise far)
     bool pending = false;
-    long armedAt = 0;   // order of arming, for equal deadlines
+    long armedAt = 0;  // order of arming, for equal deadlines
 };
 
 int nodesUsed(Queue& q) {
@@ -148,7 +148,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 for (int i = 0; i < kTimers; ++i) {
                     if (tm[i].pending && tm[i].due) order.push_back(i);
                 }
-                std::sort(order.begin(), order.end(), [&](int x, int y) { return tm[x].armedAt < tm[y].armedAt; });
+                std::sort(order.begin(), order.end(),
+                          [&](int x, int y) { return tm[x].armedAt < tm[y].armedAt; });
                 for (int i : order) {
                     want.push_back(timerTargets[i].id * 2);
                     tm[i].pending = false;  // one-shot: the entry goes, the flag stays
@@ -189,9 +190,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         FUZZ_CHECK(nodesUsed(q) == static_cast<int>(pending.size()) + timersPending);
         int64_t wait = q.getNeedWait();
-        if (timersPending == 0) FUZZ_CHECK(wait == INT64_MAX);
-        else if (!anyDue) FUZZ_CHECK(wait > 0 && wait <= static_cast<int64_t>(kFar) * 1000);
-        else FUZZ_CHECK(wait < 2000);
+        if (timersPending == 0)
+            FUZZ_CHECK(wait == INT64_MAX);
+        else if (!anyDue)
+            FUZZ_CHECK(wait > 0 && wait <= static_cast<int64_t>(kFar) * 1000);
+        else
+            FUZZ_CHECK(wait < 2000);
     }
 
     // Wind down: timers go with their entries, the rest runs; no node is left.

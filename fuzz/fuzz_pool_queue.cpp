@@ -30,7 +30,7 @@ struct Model {
     std::deque<const QEvt*> queue;
     std::map<const QEvt*, int> refs;    // live pool events
     std::map<const QEvt*, int> poolOf;  // their pool's index (a freed block's header is gone)
-    std::vector<QEvt*> holds;         // references held by the fuzzer
+    std::vector<QEvt*> holds;           // references held by the fuzzer
 
     unsigned queueFree() const { return kRing + 1 - static_cast<unsigned>(queue.size()); }
 

@@ -211,7 +211,8 @@ void compare(const Model& m) {
     FUZZ_CHECK(gMache->currentState() == m.cur);
     FUZZ_CHECK(gMache->isInitialized() == m.isInit);
     FUZZ_CHECK(gMache->historyDepth() == static_cast<int>(m.hist.size()));
-    for (size_t i = 0; i < m.hist.size(); ++i) FUZZ_CHECK(gMache->historyAt(static_cast<int>(i)) == m.hist[i]);
+    for (size_t i = 0; i < m.hist.size(); ++i)
+        FUZZ_CHECK(gMache->historyAt(static_cast<int>(i)) == m.hist[i]);
     FUZZ_CHECK(gMache->heldBack() == static_cast<int>(m.held.size()));
     FUZZ_CHECK(gLoop->eventQueue()->getNFree() == 129 - m.queue.size());
 }
@@ -261,7 +262,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             case 1: {  // the event is queued for the loop
                 if (m.queue.size() >= 30) break;
-                StateQEvt* q = static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
+                StateQEvt* q =
+                    static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
                 FUZZ_CHECK(q != nullptr);
                 q->stateMsg = e.stateMsg;
                 q->msgId = e.msgId;

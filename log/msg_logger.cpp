@@ -3,9 +3,9 @@
 #include "msg_logger.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -102,8 +102,8 @@ void kel_log_init(const char* confpath, const char* name) {
     if (env && *env) kel_log_set_level(atoi(env));
 }
 
-void kel_log_default(const char* file, int, const char* func, int, int line, int level,
-                     const char* fmt, ...) {
+void kel_log_default(const char* file, int, const char* func, int, int line, int level, const char* fmt,
+                     ...) {
     if (level < _g_level.load(std::memory_order_relaxed)) return;
     int saved_errno = errno;
 
@@ -116,10 +116,10 @@ void kel_log_default(const char* file, int, const char* func, int, int line, int
     if (!name) name = program_invocation_short_name;
 
     char buf[1024];
-    int n = snprintf(buf, sizeof buf, "%02ld:%02ld:%02ld.%03ld %c %s[%d/%s] %s:%d %s: ",
-                     secOfDay / 3600, secOfDay / 60 % 60, secOfDay % 60, ts.tv_nsec / 1000000,
-                     levelLetter(level), name, static_cast<int>(getpid()), thread,
-                     baseName(file ? file : "?"), line, func ? func : "?");
+    int n =
+        snprintf(buf, sizeof buf, "%02ld:%02ld:%02ld.%03ld %c %s[%d/%s] %s:%d %s: ", secOfDay / 3600,
+                 secOfDay / 60 % 60, secOfDay % 60, ts.tv_nsec / 1000000, levelLetter(level), name,
+                 static_cast<int>(getpid()), thread, baseName(file ? file : "?"), line, func ? func : "?");
     if (n < 0) n = 0;
     if (n > static_cast<int>(sizeof buf) - 2) n = sizeof buf - 2;
     va_list ap;

@@ -26,8 +26,8 @@ enum DebugLevel {
 };
 
 extern "C" {
-typedef void (*KelLogFunction)(const char* file, int file_len, const char* func, int func_len,
-                               int line, int level, const char* fmt, ...);
+typedef void (*KelLogFunction)(const char* file, int file_len, const char* func, int func_len, int line,
+                               int level, const char* fmt, ...);
 
 // The logger of the process. Never null; the framework calls it without a test.
 // Replace it before any other thread runs, or accept that a thread may still
@@ -47,9 +47,8 @@ KELLOG_API void kel_log_set_level(int level);
 KELLOG_API int kel_log_get_level();
 
 // The default function behind `__logprintf`.
-KELLOG_API void kel_log_default(const char* file, int file_len, const char* func, int func_len,
-                                int line, int level, const char* fmt, ...)
-    __attribute__((format(printf, 7, 8)));
+KELLOG_API void kel_log_default(const char* file, int file_len, const char* func, int func_len, int line,
+                                int level, const char* fmt, ...) __attribute__((format(printf, 7, 8)));
 
 }  // namespace kellog
 

@@ -33,7 +33,8 @@ template <typename F>
         f();
     } catch (const std::runtime_error& e) {
         // "ASSERT: <file>.<digits>: <func>", the line number being any.
-        std::string text = e.what(), head = std::string("ASSERT: ") + file + ".", tail = std::string(": ") + func;
+        std::string text = e.what(), head = std::string("ASSERT: ") + file + ".",
+                    tail = std::string(": ") + func;
         size_t digits = text.size() - head.size() - tail.size();
         bool ok = text.size() > head.size() + tail.size() && text.compare(0, head.size(), head) == 0 &&
                   text.compare(text.size() - tail.size(), tail.size(), tail) == 0 &&
@@ -98,7 +99,8 @@ TEST_F(Boundary, StateAndTimerMisuseAssertsWithoutSideEffects) {
         StateMache mache(1, 0);
         KelState* spare = new OneState;
         mache.registStates(new OneState, "one", 0);
-        EXPECT_TRUE(assertsIn([&] { mache.registStates(spare, "two", 0); }, "state_mache.cpp", "registStates"));
+        EXPECT_TRUE(
+            assertsIn([&] { mache.registStates(spare, "two", 0); }, "state_mache.cpp", "registStates"));
         delete spare;  // not taken by the machine
         ATimer t;
         const PoolCounts before = freeBlocks(&loop);

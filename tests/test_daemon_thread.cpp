@@ -27,8 +27,8 @@ thread_local int tFailAllocIn = 0;  // fail the n-th allocation from now on
 
 }  // namespace
 
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr,
-                              void* (*body)(void*), void* arg) noexcept {
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
+                              void* arg) noexcept {
     typedef int (*CreateFn)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     static CreateFn real = reinterpret_cast<CreateFn>(dlsym(RTLD_NEXT, "pthread_create"));
     int n = gFailCreates.load();
@@ -341,8 +341,8 @@ TEST(DaemonThread, TaskUnboundBeforeItsThreadLooksLeavesOneFreeEntry) {
 TEST(DaemonThread, FailedThreadCreationIsLoggedAndThePoolStaysUsable) {
     LogCapture& cap = keptLogCapture();
     int base = probe::baselineTaskCount() - kel_pool_counts().alive;
-    const std::string line = std::string("pthread_create failed, ") + std::to_string(EAGAIN) +
-                             ", " + strerror(EAGAIN);
+    const std::string line =
+        std::string("pthread_create failed, ") + std::to_string(EAGAIN) + ", " + strerror(EAGAIN);
     // One failure: the second attempt in start() succeeds.
     gFailCreates = 1;
     Task once;

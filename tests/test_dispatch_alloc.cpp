@@ -40,7 +40,9 @@ void* operator new[](size_t n) { return allocOrThrow(n); }
 void* operator new(size_t n, std::align_val_t a) { return allocOrThrow(n, static_cast<size_t>(a)); }
 void* operator new[](size_t n, std::align_val_t a) { return allocOrThrow(n, static_cast<size_t>(a)); }
 void* operator new(size_t n, const std::nothrow_t&) noexcept { return countedAlloc(n, alignof(max_align_t)); }
-void* operator new[](size_t n, const std::nothrow_t&) noexcept { return countedAlloc(n, alignof(max_align_t)); }
+void* operator new[](size_t n, const std::nothrow_t&) noexcept {
+    return countedAlloc(n, alignof(max_align_t));
+}
 void operator delete(void* p) noexcept { free(p); }
 void operator delete[](void* p) noexcept { free(p); }
 void operator delete(void* p, size_t) noexcept { free(p); }

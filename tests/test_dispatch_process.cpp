@@ -38,11 +38,12 @@ PoolCounts poolCounts() {
         q.profile();
     }
     for (const auto& l : cap.lines()) {
-        if (l.level == LOG_INFO && sscanf(l.text.c_str(), "node pools: used=%d, counts=%d", &c.used, &c.count) == 2) break;
+        if (l.level == LOG_INFO &&
+            sscanf(l.text.c_str(), "node pools: used=%d, counts=%d", &c.used, &c.count) == 2)
+            break;
     }
     return c;
 }
-
 
 template <typename Pred>
 bool eventually(Pred p, std::chrono::milliseconds limit = 10s) {
@@ -92,12 +93,13 @@ struct Rec : public Object {
 // Drives a queue with blocking queueProcess calls until destroyed.
 class Processor {
 public:
-    explicit Processor(Queue& q) : mQueue(q), mThread([this] {
-        while (!mStop.load()) {
-            mQueue.queueProcess(1);
-            ++returns;
-        }
-    }) {}
+    explicit Processor(Queue& q)
+        : mQueue(q), mThread([this] {
+              while (!mStop.load()) {
+                  mQueue.queueProcess(1);
+                  ++returns;
+              }
+          }) {}
     ~Processor() {
         mStop = true;
         mQueue.interrupt();
@@ -115,9 +117,7 @@ private:
 
 class Dispatch : public ::testing::Test {
 protected:
-    void SetUp() override {
-        mThreads = baselineThreadCount();
-    }
+    void SetUp() override { mThreads = baselineThreadCount(); }
     void TearDown() override {
         EXPECT_EQ(poolCounts().used, 0) << "nodes left out of the pool";
         EXPECT_TRUE(threadCountSettlesAt(mThreads)) << "a thread was left behind";
@@ -158,11 +158,11 @@ TEST_F(Dispatch, NotificationsMergeOnlyWithEqualPendingNotifications) {
     Queue q;
     Rec a(&trace, "a"), b(&trace, "b");
     q.enqueueNotify(FUNC(&Rec::hit), &a);
-    q.enqueueNotify(FUNC(&Rec::hit), &a);   // merged
-    q.enqueueNotify(FUNC(&Rec::hit), &b);   // other target
-    q.enqueueNotify(FUNC(&Rec::other), &a); // other function
-    q.enqueue(FUNC(&Rec::hit), &a);         // not mergeable
-    q.enqueueNotify(FUNC(&Rec::hit), &a);   // merged with the first
+    q.enqueueNotify(FUNC(&Rec::hit), &a);    // merged
+    q.enqueueNotify(FUNC(&Rec::hit), &b);    // other target
+    q.enqueueNotify(FUNC(&Rec::other), &a);  // other function
+    q.enqueue(FUNC(&Rec::hit), &a);          // not mergeable
+    q.enqueueNotify(FUNC(&Rec::hit), &a);    // merged with the first
     EXPECT_EQ(poolCounts().used, 4) << "merged items go back to the pool at once";
     q.queueProcess(0);
     EXPECT_EQ(trace.str(), "ab+aa");

@@ -156,7 +156,8 @@ TEST(WorkQueue, WorkQueuedFromAWorkRunsAfterThoseQueuedBeforeIt) {
     trace.q = kel_dispatch_queue_create();
     probe::Gate gate;
     // Hold the queue so that both works are queued before the first runs.
-    kel_dispatch_async_t(trace.q, [](void* g) { static_cast<probe::Gate*>(g)->wait(); }, &gate);
+    kel_dispatch_async_t(
+        trace.q, [](void* g) { static_cast<probe::Gate*>(g)->wait(); }, &gate);
     kel_dispatch_async_t(trace.q, traceFirst, nullptr);
     kel_dispatch_async_t(trace.q, traceSecond, nullptr);
     gate.open();
@@ -185,8 +186,7 @@ TEST(WorkQueue, SeveralQueuesRunInParallel) {
                 std::unique_lock<std::mutex> l(mt->m);
                 ++mt->arrived;
                 mt->cv.notify_all();
-                if (mt->cv.wait_for(l, std::chrono::seconds(30),
-                                    [&] { return mt->arrived == kQueues; })) {
+                if (mt->cv.wait_for(l, std::chrono::seconds(30), [&] { return mt->arrived == kQueues; })) {
                     l.unlock();
                     mt->done.add();
                 }

@@ -90,7 +90,7 @@ TEST(KelPool, PutOfForeignAddressOrIntoFullPoolAsserts) {
     void* b = p.get(0);
     EXPECT_THROW(p.put(a.bytes + 64 - kUnit), std::runtime_error);      // below the start
     EXPECT_THROW(p.put(a.bytes + 64 + 4 * kUnit), std::runtime_error);  // above the last block
-    EXPECT_EQ(p.getNFree(), 3u);  // unchanged by the refused puts
+    EXPECT_EQ(p.getNFree(), 3u);                                        // unchanged by the refused puts
     p.put(b);
     EXPECT_EQ(p.getNFree(), 4u);
 }

@@ -75,8 +75,10 @@ TEST_F(LoopTest, DispatchTableAndStoppingSignals) {
     struct Case {
         int sig;
         const char* call;
-    } cases[] = {{SIG_SYSTEM_POWEROFF, "poweroff"}, {SIG_SYS_SIGNAL_INT, "interrupt"},
-                 {SIG_SYS_ERROR_OCCUR, "error"}, {SIG_EVENT_LOOP_EXIT, nullptr}};
+    } cases[] = {{SIG_SYSTEM_POWEROFF, "poweroff"},
+                 {SIG_SYS_SIGNAL_INT, "interrupt"},
+                 {SIG_SYS_ERROR_OCCUR, "error"},
+                 {SIG_EVENT_LOOP_EXIT, nullptr}};
     RecordingLoop loop;
     const PoolCounts full = freeBlocks(&loop);
     for (const Case& c : cases) {
@@ -201,8 +203,8 @@ TEST_F(LoopTest, PostedTimerNodeReplacesTheOlderOne) {
     ASSERT_TRUE(loop.post(n));
     loop.exitLoop();
     EXPECT_EQ(loop.execLoop(), 0);
-    EXPECT_EQ(n->refCtr_, 1);                            // kept by the list
-    EXPECT_EQ(freeBlocks(&loop).timer, freeBefore);      // old node home, new one out
+    EXPECT_EQ(n->refCtr_, 1);                        // kept by the list
+    EXPECT_EQ(freeBlocks(&loop).timer, freeBefore);  // old node home, new one out
     EXPECT_EQ(loop.timerList()->nodePool()->getNFree(), freeBefore);
     t.stop();
     EXPECT_EQ(freeBlocks(&loop), totalBlocks(&loop));
@@ -332,8 +334,10 @@ TEST_F(LoopTest, FourProducersEveryEventExactlyOnce) {
     loop.onEvent = [&](const QEvt* e) {
         const GeneralQEvt* g = static_cast<const GeneralQEvt*>(e);
         long p = g->wParam, seq = g->lParam;
-        if (p < 0 || p >= kProducers || seq != next[p]) ++errors;
-        else ++next[p];
+        if (p < 0 || p >= kProducers || seq != next[p])
+            ++errors;
+        else
+            ++next[p];
     };
     loop.calls.reserve(0);
     std::atomic<long> retries{0};
@@ -359,7 +363,8 @@ TEST_F(LoopTest, FourProducersEveryEventExactlyOnce) {
     }
     for (auto& t : producers) t.join();
     loop.exitLoop();
-    while (loop.dispatched.load() < kProducers * kPerProducer) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    while (loop.dispatched.load() < kProducers * kPerProducer)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_EQ(runner.join(), 0);
     EXPECT_EQ(errors, 0);
     for (int p = 0; p < kProducers; ++p) EXPECT_EQ(next[p], kPerProducer);

@@ -56,9 +56,7 @@ TEST(KelMutex, AutolockReleasesWhenExceptionPasses) {
     } catch (const std::runtime_error&) {
     }
     // Another thread can take it: the guard released it during unwinding.
-    std::thread t([&] {
-        Autolock g(&m);
-    });
+    std::thread t([&] { Autolock g(&m); });
     t.join();
 }
 

@@ -123,7 +123,8 @@ TEST_P(InitAll, SwitchBitsSelectHandlersAndLogging) {
 
 INSTANTIATE_TEST_SUITE_P(DefLevel, InitAll,
                          ::testing::Values(Switches{0, true, true}, Switches{0xff, true, true},
-                                           Switches{kNoHandlers, false, true}, Switches{kNoLogging, true, false},
+                                           Switches{kNoHandlers, false, true},
+                                           Switches{kNoLogging, true, false},
                                            Switches{kNoHandlers | kNoLogging, false, false}));
 
 // ------------------------------------------------------------ signal loop
@@ -190,8 +191,8 @@ protected:
 
     std::string terminateLine() const {
         char buf[200];
-        snprintf(buf, sizeof buf, "Application[%d] will poweroff or terminal, loop handler: %p", static_cast<int>(getpid()),
-                 static_cast<void*>(loop));
+        snprintf(buf, sizeof buf, "Application[%d] will poweroff or terminal, loop handler: %p",
+                 static_cast<int>(getpid()), static_cast<void*>(loop));
         return buf;
     }
 
@@ -342,7 +343,8 @@ TEST_F(FatalBranch, ErrorWithoutLoopExits) {
 }
 
 TEST_F(FatalBranch, ExitBranchSkipsTheLoop) {
-    EXPECT_EXIT(raiseInChild(SIGQUIT, true), ::testing::ExitedWithCode(1), "will exit by signal:3\n.*\\[exit handlers\\]");
+    EXPECT_EXIT(raiseInChild(SIGQUIT, true), ::testing::ExitedWithCode(1),
+                "will exit by signal:3\n.*\\[exit handlers\\]");
 }
 
 TEST_F(FatalBranch, TermWithoutLoopExits) {

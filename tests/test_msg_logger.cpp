@@ -39,7 +39,8 @@ void countPipe(int) { _g_pipes.fetch_add(1); }
 
 TEST(MsgLogger, LineShowsLevelNameThreadPlaceAndMessage) {
     kellog::kel_log_init(nullptr, "logtest");
-    std::string out = captureStderr([] { __logprintf("/x/y/file.cpp", 13, "work", 4, 42, LOG_WARN, "v=%d", 7); });
+    std::string out =
+        captureStderr([] { __logprintf("/x/y/file.cpp", 13, "work", 4, 42, LOG_WARN, "v=%d", 7); });
     EXPECT_NE(out.find(" W logtest["), std::string::npos) << out;
     EXPECT_NE(out.find("] file.cpp:42 work: v=7\n"), std::string::npos) << out;
     EXPECT_EQ(out.find('\n'), out.size() - 1) << "one line";

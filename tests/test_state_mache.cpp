@@ -24,8 +24,8 @@ using state::STATE_RETURN_NORMAL;
 
 struct Transition {
     const char* name;
-    std::vector<int> path;  // switches from state 0 that set up "before"
-    int result;             // what the current state's translate returns
+    std::vector<int> path;                 // switches from state 0 that set up "before"
+    int result;                            // what the current state's translate returns
     std::map<int, std::deque<int>> entry;  // scripted refusals per state
     std::map<int, std::deque<int>> exit;
     bool defaultTestState;
@@ -38,32 +38,118 @@ struct Transition {
 void PrintTo(const Transition& t, std::ostream* os) { *os << t.name; }
 
 const Transition kTransitions[] = {
-    {"BackAllAccept", {1, 2, 3}, STATE_RETURN_BACK, {}, {}, false, {},
-     {"translate(3)", "exit(3)", "entry(2)"}, 2, {1, 2}},
-    {"BackOlderRefuses", {1, 2, 3}, STATE_RETURN_BACK, {{2, {1}}}, {}, false, {},
-     {"translate(3)", "exit(3)", "entry(2)", "entry(1)"}, 1, {1}},
-    {"BackExitRetried", {1, 2, 3}, STATE_RETURN_BACK, {}, {{3, {1, 0}}}, false, {},
-     {"translate(3)", "exit(3)", "exit(3)", "entry(2)"}, 2, {1, 2}},
-    {"BackDefaultTestState", {1, 2}, STATE_RETURN_BACK, {}, {}, true, {},
-     {"translate(2)", "exit(2)", "entry(0)"}, 0, {}},
-    {"SwitchRefusedWalksBack", {1, 2}, 3, {{3, {1}}}, {}, false, {},
-     {"translate(2)", "exit(2)", "entry(3)", "entry(2)"}, 2, {1, 2}},
-    {"SwitchRefusedNeverLeft", {1, 2}, 3, {{3, {1}}}, {{2, {1}}}, false, {},
-     {"translate(2)", "exit(2)", "entry(3)"}, 2, {1}},
-    {"SwitchToVisited", {1, 2, 3}, 1, {}, {}, false, {},
-     {"translate(3)", "exit(3)", "entry(1)"}, 1, {2, 3, 1}},
-    {"BackInInitial", {}, STATE_RETURN_BACK, {}, {}, false, {},
-     {"translate(0)", "exit(0)", "entry(0)"}, 0, {}},
-    {"BackAllRefuse", {1, 2, 3}, STATE_RETURN_BACK, {{2, {1}}, {1, {1}}, {0, {1}}}, {}, false, {},
-     {"translate(3)", "exit(3)", "entry(2)", "entry(1)", "entry(0)"}, 0, {}},
-    {"SwitchToInitial", {1, 2}, 0, {}, {}, false, {},
-     {"translate(2)", "exit(2)", "entry(0)"}, 0, {}},
-    {"InitialSwitchRefused", {}, 1, {{1, {1}}}, {{0, {1}}}, false, {},
-     {"translate(0)", "exit(0)", "entry(1)", "entry(0)"}, 0, {}},
-    {"BackSkipsUnreachable", {1, 2, 3}, STATE_RETURN_BACK, {}, {}, false, {2},
-     {"translate(3)", "exit(3)", "entry(1)"}, 1, {1}},
-    {"SameIndexStays", {1, 2}, 2, {}, {}, false, {},
-     {"translate(2)"}, 2, {1, 2}},
+    {"BackAllAccept",
+     {1, 2, 3},
+     STATE_RETURN_BACK,
+     {},
+     {},
+     false,
+     {},
+     {"translate(3)", "exit(3)", "entry(2)"},
+     2,
+     {1, 2}},
+    {"BackOlderRefuses",
+     {1, 2, 3},
+     STATE_RETURN_BACK,
+     {{2, {1}}},
+     {},
+     false,
+     {},
+     {"translate(3)", "exit(3)", "entry(2)", "entry(1)"},
+     1,
+     {1}},
+    {"BackExitRetried",
+     {1, 2, 3},
+     STATE_RETURN_BACK,
+     {},
+     {{3, {1, 0}}},
+     false,
+     {},
+     {"translate(3)", "exit(3)", "exit(3)", "entry(2)"},
+     2,
+     {1, 2}},
+    {"BackDefaultTestState",
+     {1, 2},
+     STATE_RETURN_BACK,
+     {},
+     {},
+     true,
+     {},
+     {"translate(2)", "exit(2)", "entry(0)"},
+     0,
+     {}},
+    {"SwitchRefusedWalksBack",
+     {1, 2},
+     3,
+     {{3, {1}}},
+     {},
+     false,
+     {},
+     {"translate(2)", "exit(2)", "entry(3)", "entry(2)"},
+     2,
+     {1, 2}},
+    {"SwitchRefusedNeverLeft",
+     {1, 2},
+     3,
+     {{3, {1}}},
+     {{2, {1}}},
+     false,
+     {},
+     {"translate(2)", "exit(2)", "entry(3)"},
+     2,
+     {1}},
+    {"SwitchToVisited",
+     {1, 2, 3},
+     1,
+     {},
+     {},
+     false,
+     {},
+     {"translate(3)", "exit(3)", "entry(1)"},
+     1,
+     {2, 3, 1}},
+    {"BackInInitial",
+     {},
+     STATE_RETURN_BACK,
+     {},
+     {},
+     false,
+     {},
+     {"translate(0)", "exit(0)", "entry(0)"},
+     0,
+     {}},
+    {"BackAllRefuse",
+     {1, 2, 3},
+     STATE_RETURN_BACK,
+     {{2, {1}}, {1, {1}}, {0, {1}}},
+     {},
+     false,
+     {},
+     {"translate(3)", "exit(3)", "entry(2)", "entry(1)", "entry(0)"},
+     0,
+     {}},
+    {"SwitchToInitial", {1, 2}, 0, {}, {}, false, {}, {"translate(2)", "exit(2)", "entry(0)"}, 0, {}},
+    {"InitialSwitchRefused",
+     {},
+     1,
+     {{1, {1}}},
+     {{0, {1}}},
+     false,
+     {},
+     {"translate(0)", "exit(0)", "entry(1)", "entry(0)"},
+     0,
+     {}},
+    {"BackSkipsUnreachable",
+     {1, 2, 3},
+     STATE_RETURN_BACK,
+     {},
+     {},
+     false,
+     {2},
+     {"translate(3)", "exit(3)", "entry(1)"},
+     1,
+     {1}},
+    {"SameIndexStays", {1, 2}, 2, {}, {}, false, {}, {"translate(2)"}, 2, {1, 2}},
 };
 
 class TransitionTest : public MacheFixture, public ::testing::WithParamInterface<Transition> {
@@ -91,7 +177,9 @@ TEST_P(TransitionTest, CallsAndHistory) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, TransitionTest, ::testing::ValuesIn(kTransitions),
-                         [](const ::testing::TestParamInfo<Transition>& i) { return std::string(i.param.name); });
+                         [](const ::testing::TestParamInfo<Transition>& i) {
+                             return std::string(i.param.name);
+                         });
 
 // --------------------------------------------------------- machine details
 
@@ -144,8 +232,9 @@ TEST_F(Mache, HistoryBookkeepingAndItsLogLines) {
     for (const auto& l : cap.lines()) {
         if (l.level == LOG_DEBUG) debug.push_back(l.text);
     }
-    EXPECT_EQ(debug, (std::vector<std::string>{"---<<< push: 1", "---<<< push: 2", "-->>> pop: 2", "-->>> pop: 1",
-                                               "---<<< push: 1", "-->>> pop: 1", "-->>> pop: -1"}));
+    EXPECT_EQ(debug,
+              (std::vector<std::string>{"---<<< push: 1", "---<<< push: 2", "-->>> pop: 2", "-->>> pop: 1",
+                                        "---<<< push: 1", "-->>> pop: 1", "-->>> pop: -1"}));
     EXPECT_EQ(cap.count("+++++Try To entry State: s1+++++++", LOG_DUMP), 1);
     EXPECT_EQ(mache->currentState(), 0);
 }

@@ -26,7 +26,8 @@ inline double seconds() {
 using Clock = std::chrono::steady_clock;
 
 inline Clock::time_point deadline() {
-    return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds()));
+    return Clock::now() +
+           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds()));
 }
 
 // Counts progress and names the phase; `stallSeconds` without a change of

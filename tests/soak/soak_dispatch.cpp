@@ -52,8 +52,10 @@ struct Sink {
 
     void check(long* next, long p, long seq) {
         if (held.load()) heldRuns.fetch_add(1);
-        if (p < 0 || p >= kProducers || seq != next[p]) errors.fetch_add(1);
-        else ++next[p];
+        if (p < 0 || p >= kProducers || seq != next[p])
+            errors.fetch_add(1);
+        else
+            ++next[p];
     }
 };
 
@@ -228,7 +230,8 @@ TEST(DispatchSoak, ProducersRunCancelTimersAndLockFromOtherThreads) {
         totalCalls += sentCalls[p];
         totalEvents += sentEvents[p];
     }
-    EXPECT_TRUE(waitUntil([&] { return sink.calls.load() == totalCalls && sink.events.load() == totalEvents; }, 30.0));
+    EXPECT_TRUE(waitUntil(
+        [&] { return sink.calls.load() == totalCalls && sink.events.load() == totalEvents; }, 30.0));
     loop.exit();
     processor.join();
 
@@ -243,9 +246,10 @@ TEST(DispatchSoak, ProducersRunCancelTimersAndLockFromOtherThreads) {
     EXPECT_EQ(lost.load(), 0) << "an armed timer never fired";
     EXPECT_EQ(lateFires.load(), 0) << "a stopped timer fired";
     EXPECT_EQ(nodesUsed(q), 0) << "nodes did not come back";
-    printf("soak: %ld callbacks, %ld events, %ld runs (%ld cancels), %ld notifications, %ld timer chases, "
-           "%ld stops, %ld locks, %ld queues made\n",
-           totalCalls, totalEvents, runs.load(), cancels.load(), notifies.load(), chased.load(), stopped.load(),
-           locks.load(), made.load());
+    printf(
+        "soak: %ld callbacks, %ld events, %ld runs (%ld cancels), %ld notifications, %ld timer chases, "
+        "%ld stops, %ld locks, %ld queues made\n",
+        totalCalls, totalEvents, runs.load(), cancels.load(), notifies.load(), chased.load(), stopped.load(),
+        locks.load(), made.load());
     RecordProperty("items", static_cast<int>(totalCalls + totalEvents));
 }

@@ -54,8 +54,10 @@ public:
     SoakLoop() : KelLoop(64) {}
     void procSubMsg(const QEvt* e) override {
         if (e->sig == SIG_MACHINE_DOWN || e->sig == SIG_MACHINE_UP) {
-            if (e->sig == SIG_MACHINE_DOWN) machine->exitState();
-            else machine->initialize();
+            if (e->sig == SIG_MACHINE_DOWN)
+                machine->exitState();
+            else
+                machine->initialize();
             toggles.fetch_add(1);
             return;
         }
@@ -290,7 +292,8 @@ TEST(MainLoopSoak, StateMachineTrafficAndUserSignals) {
                     std::this_thread::yield();
                     continue;
                 }
-                StateQEvt* e = static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
+                StateQEvt* e =
+                    static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
                 if (e == nullptr) continue;
                 e->stateMsg = p;  // one held-back record per producer
                 e->msgId = static_cast<long>(rnd() % 1000);

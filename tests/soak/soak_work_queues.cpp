@@ -35,8 +35,10 @@ void runWork(void* p) {
     Work* w = static_cast<Work*>(p);
     QueueState* q = w->q;
     if (q->inside.fetch_add(1) != 0) q->overlaps.fetch_add(1);
-    if (w->seq != q->next[w->producer]) q->errors.fetch_add(1);
-    else ++q->next[w->producer];
+    if (w->seq != q->next[w->producer])
+        q->errors.fetch_add(1);
+    else
+        ++q->next[w->producer];
     q->inside.fetch_sub(1);
     q->done.fetch_add(1);
     delete w;
@@ -86,7 +88,8 @@ TEST(WorkQueueSoak, ManyProducersAndQueuesMadeAndDropped) {
             shortWorks.fetch_add(n);
             if (made.load() % 3 == 0) {  // an extra reference dropped from a work
                 kel_dispatch_queue_ref(q);
-                kel_dispatch_async_t(q, [](void* h) { kel_dispatch_queue_destory(h); }, q);
+                kel_dispatch_async_t(
+                    q, [](void* h) { kel_dispatch_queue_destory(h); }, q);
             }
             kel_dispatch_queue_destory(q);
             made.fetch_add(1);
@@ -104,18 +107,21 @@ TEST(WorkQueueSoak, ManyProducersAndQueuesMadeAndDropped) {
         },
         60.0));
     for (auto& q : queues) kel_dispatch_queue_destory(q);
-    EXPECT_TRUE(waitUntil([] { return kel_pool_counts().used == 0; }, 30.0)) << "the pool did not come back to idle";
+    EXPECT_TRUE(waitUntil([] { return kel_pool_counts().used == 0; }, 30.0))
+        << "the pool did not come back to idle";
     long works = 0;
     for (int qi = 0; qi < kQueues; ++qi) {
         EXPECT_EQ(states[qi].overlaps.load(), 0) << "two works of queue " << qi << " overlapped";
-        EXPECT_EQ(states[qi].errors.load(), 0) << "a work of queue " << qi << " ran out of its producer's order";
+        EXPECT_EQ(states[qi].errors.load(), 0)
+            << "a work of queue " << qi << " ran out of its producer's order";
         for (int p = 0; p < kProducers; ++p) {
             EXPECT_EQ(states[qi].next[p], sent[qi][p]);
             works += sent[qi][p];
         }
     }
     KelPoolCounts c = kel_pool_counts();
-    printf("soak: %ld works on shared queues, %ld queues made and dropped (%ld works), pool alive %d free %d\n",
-           works, made.load(), shortWorks.load(), c.alive, c.free);
+    printf(
+        "soak: %ld works on shared queues, %ld queues made and dropped (%ld works), pool alive %d free %d\n",
+        works, made.load(), shortWorks.load(), c.alive, c.free);
     RecordProperty("works", static_cast<int>(works));
 }
