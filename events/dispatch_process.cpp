@@ -103,6 +103,19 @@ public:
         mUsed.store(mUsed.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
     }
 
+    // Takes back a chain of finished items linked through `next`, under one
+    // lock of the store.
+    void recycleChain(DispatchItem* first, int count) {
+        Autolock guard(&mMtx);
+        while (first != nullptr) {
+            DispatchItem* next = first->next;
+            ListTable<Node>::iterator it(ListTable<Node>::ListItem::fromData(reinterpret_cast<Node*>(first)));
+            mPools.push_back(it);
+            first = next;
+        }
+        mUsed.store(mUsed.load(std::memory_order_relaxed) - count, std::memory_order_relaxed);
+    }
+
     // A snapshot of the counters, read without the lock.
     void profile() {
         KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", mUsed.load(std::memory_order_relaxed),
@@ -243,6 +256,26 @@ public:
         return false;
     }
 
+    // Finished asynchronous items go back to the node store in batches: one
+    // lock of the store for many items, so that the processing thread and
+    // the threads queuing work meet there less often. The batch is handed
+    // back whenever the queue runs dry, before a run() item completes and
+    // when the body goes. Caller holds `lock`.
+    void keepDone(DispatchItem* item) {
+        item->next = doneHead;
+        doneHead = item;
+        if (++doneCount == kDoneBatch) flushDone();
+    }
+    void flushDone() {
+        if (doneHead == nullptr) return;
+        gPool->recycleChain(doneHead, doneCount);
+        doneHead = nullptr;
+        doneCount = 0;
+    }
+    static constexpr int kDoneBatch = 32;
+    DispatchItem* doneHead = nullptr;
+    int doneCount = 0;
+
     DispatchItem* head = nullptr;
     DispatchItem* tail = nullptr;
     ItemTimer* timerhead = nullptr;
@@ -290,6 +323,7 @@ QueuePrivate::~QueuePrivate() {
     KEL_ASSERT(!in_process);
     KEL_ASSERT(lock_requests == 0);
     KEL_ASSERT(!locked);
+    flushDone();
     while (timerhead != nullptr) {
         ItemTimer* t = timerhead;
         timerhead = nextTimer(t);
@@ -385,9 +419,11 @@ void QueuePrivate::procEventFunc() {
     locked = false;
     if (item->asynchronous) {
         if (item->delobject) delete item->fn_data;
-        gPool->recycle(item);
+        keepDone(item);
         pthread_cond_broadcast(&cond);
     } else {
+        // What ran before this call is back in the store when run() returns.
+        flushDone();
         // The waiter in run() is woken with the mutex free, so it does not
         // block again on it while this pass goes on.
         item->completed = true;
@@ -582,12 +618,14 @@ void Queue::queueProcess(int timeout) {
 
     for (;;) {
         if (d->lock_requests != 0) {
+            d->flushDone();
             pthread_cond_wait(&d->cond, &d->lock);
         } else if (d->head != nullptr) {
             d->procEventFunc();
         } else if (d->haveTigger()) {
             d->procTimer();
         } else if (!d->interrupted && needWait) {
+            d->flushDone();
             d->wait = d->getWait();
             if (d->wait < 1) continue;
             timespec until = timeUsToTimespec(d->wait);
@@ -596,6 +634,7 @@ void Queue::queueProcess(int timeout) {
             break;
         }
     }
+    d->flushDone();
 
     KEL_ASSERT(!d->locked);
     d->in_process = false;

@@ -1,4 +1,5 @@
-// KelMutex: a plain, non-recursive mutex. Autolock: a scope guard for it.
+// KelMutex: a plain, non-recursive mutex (adaptive: it spins briefly when
+// contended before it sleeps). Autolock: a scope guard for it.
 //
 // Thread rules: any thread; a thread must not lock a KelMutex it holds.
 // Lifetime: the mutex must be unlocked and no thread may be waiting on it

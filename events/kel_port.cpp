@@ -68,7 +68,13 @@ void Kel::init() {
     KEL_ASSERT(pthread_condattr_init(&attr) == 0);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
     pthread_cond_init(&Kel_event_cond_, &attr);
-    pthread_mutex_init(&Kel_event_mutex_, nullptr);
+    // Not recursive; adaptive like KelMutex: posters and the loop meet here
+    // for a few instructions at a time.
+    pthread_mutexattr_t mattr;
+    pthread_mutexattr_init(&mattr);
+    pthread_mutexattr_settype(&mattr, PTHREAD_MUTEX_ADAPTIVE_NP);
+    pthread_mutex_init(&Kel_event_mutex_, &mattr);
+    pthread_mutexattr_destroy(&mattr);
     pthread_condattr_destroy(&attr);
     _g_alive.v.store(true, std::memory_order_seq_cst);
 }
