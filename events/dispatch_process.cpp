@@ -180,18 +180,6 @@ timespec timeUsToTimespec(int64_t time_us) {
 // is why delays are limited to 2147483 ms; it wraps rather than overflows.
 int64_t periodUs(int msec) { return static_cast<int32_t>(static_cast<uint32_t>(msec) * 1000u); }
 
-// Locks a pthread mutex for a scope, also when an exception passes.
-class MutexGuard {
-public:
-    explicit MutexGuard(pthread_mutex_t* m) : mMutex(m) { pthread_mutex_lock(mMutex); }
-    ~MutexGuard() { pthread_mutex_unlock(mMutex); }
-    MutexGuard(const MutexGuard&) = delete;
-    MutexGuard& operator=(const MutexGuard&) = delete;
-
-private:
-    pthread_mutex_t* mMutex;
-};
-
 }  // namespace
 
 // A check made with the queue's mutex held: the mutex is released before the
@@ -567,7 +555,7 @@ Queue::Queue() : d(new QueuePrivate) {}
 Queue::~Queue() { d->unref(); }
 
 int64_t Queue::getNeedWait() {
-    MutexGuard guard(&d->lock);
+    PthreadAutolock guard(&d->lock);
     return d->getWait();
 }
 
@@ -595,7 +583,7 @@ void Queue::enqueueNotify(Object::Callback1 fn, Object* fn_data) {
 
 void Queue::cancelFn(Object::Callback1 fn, Object* fn_data) {
     KEL_ASSERT(fn_data != nullptr);
-    MutexGuard guard(&d->lock);
+    PthreadAutolock guard(&d->lock);
     d->remove(fn, fn_data);
 }
 
@@ -643,13 +631,13 @@ void Queue::queueProcess(int timeout) {
 }
 
 void Queue::interrupt() {
-    MutexGuard guard(&d->lock);
+    PthreadAutolock guard(&d->lock);
     d->interrupted = true;
     pthread_cond_broadcast(&d->cond);
 }
 
 void Queue::adjustTimeout(long until) {
-    MutexGuard guard(&d->lock);
+    PthreadAutolock guard(&d->lock);
     if (d->in_process && static_cast<int64_t>(until) < d->wait) {
         d->wait = until;
         pthread_cond_broadcast(&d->cond);
@@ -705,7 +693,7 @@ Timer::Timer(Queue* q)
 // destroyed without stopping it first (outside its own callback).
 Timer::~Timer() {
     {
-        MutexGuard guard(&d->lock);
+        PthreadAutolock guard(&d->lock);
         mIsRunning.store(false, std::memory_order_relaxed);
         d->removeTimer(this);
     }
@@ -721,7 +709,7 @@ void Timer::setHandler(Object::Callback1 f, Object* c) {
 // failure leaves the timer stopped and the queue's mutex released.
 void Timer::restart(int msec) {
     KEL_ASSERT(fn != nullptr);
-    MutexGuard guard(&d->lock);
+    PthreadAutolock guard(&d->lock);
     mMSec = msec;
     mIsRunning.store(false, std::memory_order_relaxed);
     d->removeTimer(this);
@@ -731,7 +719,7 @@ void Timer::restart(int msec) {
 }
 
 void Timer::stop() {
-    MutexGuard guard(&d->lock);
+    PthreadAutolock guard(&d->lock);
     mIsRunning.store(false, std::memory_order_relaxed);
     if (!d->timerProc) d->removeTimer(this);
 }
@@ -763,7 +751,7 @@ void Loop::setQueue(Queue* queue) {
 
 void Loop::put(Evt& e, bool front) {
     LoopEvtItem* item = gPool->getLoopNode(e);
-    MutexGuard guard(&d->lock);
+    PthreadAutolock guard(&d->lock);
     if (front) {
         item->next = d->loopHead;
         if (d->loopHead == nullptr) d->loopTail = item;

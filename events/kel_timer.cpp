@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "common_log.h"
+#include "kel_mutex.h"
 #include "kel_port.h"
 
 namespace {
@@ -11,18 +12,6 @@ namespace {
 inline bool before(const timespec& a, const timespec& b) {
     return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
 }
-
-// Holds a pthread mutex for a scope, also when a handler throws.
-class PthreadLock {
-public:
-    explicit PthreadLock(pthread_mutex_t* m) : mMutex(m) { pthread_mutex_lock(mMutex); }
-    ~PthreadLock() { pthread_mutex_unlock(mMutex); }
-    PthreadLock(const PthreadLock&) = delete;
-    PthreadLock& operator=(const PthreadLock&) = delete;
-
-private:
-    pthread_mutex_t* mMutex;
-};
 
 }  // namespace
 
@@ -102,7 +91,7 @@ void KelTimer::_addTimer(NodeTimer* timer) {
 }
 
 void KelTimer::addTimer(NodeTimer* timer) {
-    PthreadLock lock(&mutex);
+    PthreadAutolock lock(&mutex);
     _addTimer(timer);
 }
 
@@ -122,12 +111,12 @@ bool KelTimer::removeFirstOf(ATimer* proc) {
 }
 
 void KelTimer::removeOldTimer(NodeTimer* tim) {
-    PthreadLock lock(&mutex);
+    PthreadAutolock lock(&mutex);
     removeFirstOf(tim->proc);
 }
 
 void KelTimer::cancelTimer(ATimer* proc) {
-    PthreadLock lock(&mutex);
+    PthreadAutolock lock(&mutex);
     removeFirstOf(proc);
     // A firing pass may have re-armed a repeating timer (and set it running)
     // after the caller's stop cleared the flag; clearing it again under the
@@ -136,14 +125,14 @@ void KelTimer::cancelTimer(ATimer* proc) {
 }
 
 void KelTimer::resetTimer(NodeTimer* tim) {
-    PthreadLock lock(&mutex);
+    PthreadAutolock lock(&mutex);
     for (NodeTimer* tmp = root.next; tmp != &root; tmp = tmp->next) {
         if (tmp->proc == tim->proc) tmp->resetTimer();
     }
 }
 
 void KelTimer::processTimer() {
-    PthreadLock lock(&mutex);
+    PthreadAutolock lock(&mutex);
     // Walk from the latest deadline towards the earliest.
     NodeTimer* timeout = root.prev;
     NodeTimer* prev = timeout->prev;
@@ -176,7 +165,7 @@ bool KelTimer::getTimeout(timespec* val) {
     if (mArmed.load(std::memory_order_acquire) == 0) return true;  // nothing armed
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    PthreadLock lock(&mutex);
+    PthreadAutolock lock(&mutex);
     for (NodeTimer* timeout = root.next; timeout != &root; timeout = timeout->next) {
         if (!timeout->proc->isRunning()) continue;
         if (before(timeout->time, now)) {
@@ -192,7 +181,7 @@ bool KelTimer::getTimeout(timespec* val) {
 void KelTimer::showArgs() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    PthreadLock lock(&mutex);
+    PthreadAutolock lock(&mutex);
     KEL_LOG(LOG_DEBUG, "start show timer");
     KEL_LOG(LOG_DEBUG, "now cpu time: (%ld.%ld)", static_cast<long>(now.tv_sec),
             static_cast<long>(now.tv_nsec));
