@@ -247,9 +247,9 @@ KelLoop::KelLoop(unsigned int msgs) : state_mache(nullptr), thread_id(0) {
         // Pools registered by now stay in the table for good, so they and
         // their storage are left alive (`msgs` 0, no heap, or a pool of the
         // application's own taking a place).
-        t.release();
-        pg.release();
-        gp.release();
+        static_cast<void>(t.release());
+        static_cast<void>(pg.release());
+        static_cast<void>(gp.release());
         throw;
     }
     queue = q.release();
