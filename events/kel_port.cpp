@@ -105,14 +105,20 @@ void Kel::signal() {
     // Memory ordering: the count goes up and then the sleeper flag is read,
     // both sequentially consistent; the loop sets the flag and then reads the
     // count (see wait). So either the loop sees this wake-up before it
-    // sleeps, or this call sees the loop asleep and signals it under the
-    // mutex, which the loop only gives up inside the wait. A busy loop costs
-    // a poster no lock.
+    // sleeps, or this call sees the loop asleep. A busy loop costs a poster
+    // no lock.
     _g_wakeups.v.fetch_add(1, std::memory_order_seq_cst);
     if (!_g_sleeping.v.load(std::memory_order_seq_cst)) return;
     pthread_mutex_t* m = acquireEventMutex();
-    if (m == &Kel_event_mutex_) pthread_cond_signal(&Kel_event_cond_);
-    releaseEventMutex(m);
+    pthread_mutex_unlock(m);
+    if (m != &Kel_event_mutex_) return;  // no loop: nobody to wake
+    // The loop holds the mutex from raising its flag until the wait gives it
+    // up, so having held it means the loop now waits (or has looked and not
+    // slept): the signal is not lost. Sent after the unlock, the woken loop
+    // does not block on the mutex again. Still counted as a user, so the
+    // condition is not destroyed under it.
+    pthread_cond_signal(&Kel_event_cond_);
+    _g_users.v.fetch_sub(1, std::memory_order_release);
 }
 
 int Kel::wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*), void* arg) {
