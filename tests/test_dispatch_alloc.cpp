@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <new>
 #include <thread>
@@ -15,23 +16,16 @@ namespace {
 std::atomic<long> gAllocs{0};
 std::atomic<bool> gFailNext{false};
 
-void* countedAlloc(size_t n, size_t align) {
-    if (gFailNext.exchange(false)) return nullptr;
-    gAllocs.fetch_add(1, std::memory_order_relaxed);
-    if (n == 0) n = 1;
+void* countedAlloc(size_t n, size_t align = alignof(max_align_t)) {
     void* p = nullptr;
-    if (align <= alignof(max_align_t)) {
-        p = malloc(n);
-    } else if (posix_memalign(&p, align, n) != 0) {
-        p = nullptr;
-    }
-    return p;
+    if (gFailNext.exchange(false)) return nullptr;
+    ++gAllocs;
+    return posix_memalign(&p, std::max(align, sizeof(void*)), n ? n : 1) == 0 ? p : nullptr;
 }
 
 void* allocOrThrow(size_t n, size_t align = alignof(max_align_t)) {
-    void* p = countedAlloc(n, align);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
+    if (void* p = countedAlloc(n, align)) return p;
+    throw std::bad_alloc();
 }
 }  // namespace
 
@@ -39,10 +33,8 @@ void* operator new(size_t n) { return allocOrThrow(n); }
 void* operator new[](size_t n) { return allocOrThrow(n); }
 void* operator new(size_t n, std::align_val_t a) { return allocOrThrow(n, static_cast<size_t>(a)); }
 void* operator new[](size_t n, std::align_val_t a) { return allocOrThrow(n, static_cast<size_t>(a)); }
-void* operator new(size_t n, const std::nothrow_t&) noexcept { return countedAlloc(n, alignof(max_align_t)); }
-void* operator new[](size_t n, const std::nothrow_t&) noexcept {
-    return countedAlloc(n, alignof(max_align_t));
-}
+void* operator new(size_t n, const std::nothrow_t&) noexcept { return countedAlloc(n); }
+void* operator new[](size_t n, const std::nothrow_t&) noexcept { return countedAlloc(n); }
 void operator delete(void* p) noexcept { free(p); }
 void operator delete[](void* p) noexcept { free(p); }
 void operator delete(void* p, size_t) noexcept { free(p); }
@@ -60,50 +52,46 @@ using dispatch::Timer;
 
 namespace {
 
-int poolUsed(Queue& q, int* count = nullptr) {
+// Nodes in use and made, process-wide, from the queue's log line.
+int poolUsed(Queue& q, int* made = nullptr) {
     LogCapture cap;
     q.profile();
-    int used = -1, made = -1;
-    for (const auto& l : cap.lines()) {
-        if (sscanf(l.text.c_str(), "node pools: used=%d, counts=%d", &used, &made) == 2) break;
-    }
-    if (count) *count = made;
+    int used = -1, count = -1;
+    for (const auto& l : cap.lines())
+        if (sscanf(l.text.c_str(), "node pools: used=%d, counts=%d", &used, &count) == 2) break;
+    if (made) *made = count;
     return used;
 }
 
 struct Counter : public Object {
-    void hit() { calls.fetch_add(1, std::memory_order_relaxed); }
-    void other() { calls.fetch_add(1, std::memory_order_relaxed); }
+    void hit() { ++calls; }
+    void other() { ++calls; }
     std::atomic<int> calls{0};
 };
 
-class CountingLoop : public Loop {
-public:
-    void procSubMsg(const Evt& e) override { delivered.fetch_add(e.sig, std::memory_order_relaxed); }
+struct CountingLoop : public Loop {
+    void procSubMsg(const Evt& e) override { delivered += e.sig; }
     std::atomic<long> delivered{0};
 };
 
-}  // namespace
-
-// One burst of every kind of work: callbacks of each kind, a timer restart
-// and loop events, all queued during a hold so that the peak is the same
-// on every round.
-static void burst(Queue& q, CountingLoop& loop, Timer& timer, Counter& c, Counter& n) {
-    long target = loop.delivered.load() + 16;
+// One burst of every kind of work, queued during a hold so that the peak is
+// the same on every round.
+void burst(Queue& q, CountingLoop& loop, Timer& timer, Counter& c, Counter& n) {
+    long target = loop.delivered + 16;
     q.lock();
     for (int i = 0; i < 8; ++i) q.enqueue(FUNC(&Counter::hit), &c);
-    q.enqueueNotify(FUNC(&Counter::hit), &n);
-    q.enqueueNotify(FUNC(&Counter::hit), &n);  // merged
+    for (int i = 0; i < 2; ++i) q.enqueueNotify(FUNC(&Counter::hit), &n);  // merged
     q.enqueue(FUNC(&Counter::other), &c);
     q.cancelFn(FUNC(&Counter::other), &c);
     timer.restart(0);
     Loop::Evt e(2);
-    for (int i = 0; i < 4; ++i) loop.post(e);
-    for (int i = 0; i < 4; ++i) loop.postFIFO(e);
+    for (int i = 0; i < 4; ++i) loop.post(e), loop.postFIFO(e);
     q.unlock();
     q.run(FUNC(&Counter::hit), &c);
-    while (loop.delivered.load() < target) std::this_thread::yield();
+    while (loop.delivered < target) std::this_thread::yield();
 }
+
+}  // namespace
 
 TEST(DispatchAlloc, SteadyStateTouchesNoHeap) {
     Queue q;
@@ -113,21 +101,15 @@ TEST(DispatchAlloc, SteadyStateTouchesNoHeap) {
     Timer timer(&q);
     timer.setHandler(FUNC(&Counter::hit), &tc);
     std::thread t([&] { loop.exec(); });
-
     for (int i = 0; i < 3; ++i) burst(q, loop, timer, c, n);  // warm the pool
-    int count0 = 0;
-    poolUsed(q, &count0);
-
+    int made0 = 0, made1 = 0;
+    poolUsed(q, &made0);
     gAllocs = 0;
     for (int i = 0; i < 200; ++i) burst(q, loop, timer, c, n);
-    long allocs = gAllocs.load();
-
-    int count1 = 0;
-    poolUsed(q, &count1);
-    EXPECT_EQ(allocs, 0);
-    EXPECT_EQ(count1, count0) << "the pool did not grow";
+    EXPECT_EQ(gAllocs, 0);
+    poolUsed(q, &made1);
+    EXPECT_EQ(made1, made0) << "the pool did not grow";
     EXPECT_EQ(c.calls, 203 * 9);
-
     timer.stop();
     loop.exit();
     t.join();
@@ -142,7 +124,6 @@ TEST(DispatchAlloc, HeapFailureInRestartLeavesTheQueueUsable) {
     int made = 0;
     ASSERT_EQ(poolUsed(q, &made), 0);
     ASSERT_EQ(made, 0) << "a fresh pool must allocate";
-
     gFailNext = true;
     EXPECT_THROW(timer.restart(0), std::bad_alloc);
     EXPECT_FALSE(timer.isRunning()) << "a restart that failed leaves the timer stopped";
