@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
 .PHONY: all configure build demo test bench clean format format-check \
-	check-all check-asan check-tsan check-arm check-valgrind check-static check-fuzz
+	check-all check-consumer check-asan check-tsan check-arm check-valgrind check-static check-fuzz
 
 all: build
 
@@ -32,6 +32,9 @@ STEPS = JOBS=$(JOBS) bash .ci/steps.sh
 
 check-all:
 	@$(STEPS) all
+
+check-consumer:
+	@$(STEPS) consumer
 
 check-asan:
 	@$(STEPS) asan

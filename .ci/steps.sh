@@ -4,7 +4,9 @@
 #   test      the README's `make test` (host, tree `build`)
 #   asan      whole suite and examples with AddressSanitizer + UBSan (`build-asan`)
 #   tsan      whole suite and examples with ThreadSanitizer (`build-tsan`)
-#   arm       cross build for 32-bit ARM, suite and examples under qemu (`build-arm`)
+#   consumer  install `build`, then build and run an outside project against it
+#   arm       cross build for 32-bit ARM, suite, examples and the outside
+#             project under qemu (`build-arm`)
 #   valgrind  examples and the ctest cases labelled `valgrind`, host tree `build`
 #   static    clang-tidy and cppcheck on events/ util/ log/
 #   fuzz      each libFuzzer target for KEL_FUZZ_SECONDS (default 60) from its seeds
@@ -101,7 +103,14 @@ step_arm() {
     qemu=$(command -v qemu-arm || command -v qemu-arm-static) || { echo "no qemu-arm"; return 1; }
     "${MAKE[@]}" test BUILD=build-arm \
         CMAKE_FLAGS="-DCMAKE_TOOLCHAIN_FILE=$ROOT/cmake/arm-linux-gnueabihf.cmake" &&
-        run_examples build-arm "$qemu" -L "$ARM_SYSROOT"
+        run_examples build-arm "$qemu" -L "$ARM_SYSROOT" &&
+        bash tests/consumer/check.sh build-arm "$ROOT/cmake/arm-linux-gnueabihf.cmake"
+}
+
+# An outside project built against the installed tree: CMake package config
+# and pkg-config.
+step_consumer() {
+    "${MAKE[@]}" build BUILD=build && bash tests/consumer/check.sh build
 }
 
 step_valgrind() {
@@ -166,7 +175,7 @@ do_format() {
 
 # ------------------------------------------------------------------ driver
 
-ALL_STEPS=(test asan tsan arm valgrind static fuzz format-check)
+ALL_STEPS=(test consumer asan tsan arm valgrind static fuzz format-check)
 # Steps whose failure shows as WARN and does not fail the run (none today).
 ADVISORY_STEPS=()
 declare -a S_NAME S_RESULT S_TIME
@@ -238,7 +247,7 @@ main() {
             deps) deps || exit 1 ;;
             format) do_format || exit 1 ;;
             all) deps || exit 1; steps+=("${ALL_STEPS[@]}") ;;
-            test | asan | tsan | arm | valgrind | static | fuzz | format-check) steps+=("$s") ;;
+            test | consumer | asan | tsan | arm | valgrind | static | fuzz | format-check) steps+=("$s") ;;
             *) echo "unknown step: $s"; exit 2 ;;
         esac
     done

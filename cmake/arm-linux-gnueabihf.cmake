@@ -16,9 +16,10 @@ set(KEL_TARGET_SYSROOT /usr/${KEL_TARGET_TRIPLE})
 set(CMAKE_C_COMPILER ${KEL_TARGET_TRIPLE}-gcc)
 set(CMAKE_CXX_COMPILER ${KEL_TARGET_TRIPLE}-g++)
 
-# Libraries and headers come from the target's tree only; programs (cmake's
-# helpers) from the host.
-set(CMAKE_FIND_ROOT_PATH ${KEL_TARGET_SYSROOT})
+# Libraries and headers come from the target's trees only; programs (cmake's
+# helpers) from the host. A consumer adds the staging prefix of an installed
+# kel with -DCMAKE_FIND_ROOT_PATH=<prefix> -DCMAKE_PREFIX_PATH=<prefix>.
+list(APPEND CMAKE_FIND_ROOT_PATH ${KEL_TARGET_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
