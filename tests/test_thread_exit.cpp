@@ -1,8 +1,8 @@
-// Process-exit behaviour of the thread pool and the default work queue. Each
-// case runs its scenario in a child process and checks that the child exits
-// by itself, promptly and with status 0: no hang in the pool's teardown, no
-// crash. Run under valgrind, a child with memory errors or leaks exits with
-// valgrind's error status and fails the case too.
+// Process exit with the thread pool and the default work queue in use. Each
+// case runs its scenario in a child process, which must exit by itself,
+// promptly and with status 0: no hang in the pool's teardown, no crash.
+// Under valgrind, memory errors or leaks give the child valgrind's error
+// status and fail the case too.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <thread>
 
 #include "daemon_thread.h"
 #include "kel_dispatch.h"
@@ -18,51 +17,50 @@
 
 namespace {
 
-// Waits for `pid` at most `seconds`; kills it if it is still there.
-int waitChild(pid_t pid, int seconds = 60) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+// Runs `child` in a forked process and expects it to exit with 0 within a
+// minute, far less than the two minutes that busy threads sleep.
+template <typename F>
+void expectCleanExit(F child) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        child();
+        exit(0);  // static destructors run, as after returning from main
+    }
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     int status = 0;
     while (waitpid(pid, &status, WNOHANG) == 0) {
         if (std::chrono::steady_clock::now() > end) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
-            return -1;
+            FAIL() << "child hung at exit";
         }
         usleep(1000);
     }
-    return status;
-}
-
-void expectCleanExit(int status) {
-    ASSERT_NE(status, -1) << "child hung at exit";
     ASSERT_TRUE(WIFEXITED(status)) << "child died by signal " << WTERMSIG(status);
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-class Sleeper : public DaemonThread {
-public:
+struct Blocked : DaemonThread {
     std::atomic<bool> inRun{false};
+    probe::Gate* gate = nullptr;
     void run() override {
         inRun = true;
-        sleep(120);  // far longer than any test bound
+        if (gate != nullptr) {
+            gate->wait();
+        } else {
+            sleep(120);
+        }
     }
 };
 
 void noop(void*) {}
-void longWork(void* flag) {
-    static_cast<std::atomic<bool>*>(flag)->store(true);
-    sleep(120);
-}
-
-bool poolIdle() { return kel_pool_counts().used == 0; }
 
 }  // namespace
 
 TEST(ThreadExit, ProcessWithIdlePooledThreadsExitsCleanly) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        DaemonThread a, b;
+    expectCleanExit([] {
+        static DaemonThread a, b;  // bound tasks alive at exit
         a.start();
         b.start();
         DispathQueue* q = kel_dispatch_queue_create();
@@ -71,66 +69,44 @@ TEST(ThreadExit, ProcessWithIdlePooledThreadsExitsCleanly) {
             kel_dispatch_async_t(nullptr, noop, nullptr);
         }
         kel_dispatch_queue_destory(q);
-        if (!probe::waitFor(poolIdle)) _exit(3);
-        exit(0);  // static destructors run, as after returning from main
-    }
-    expectCleanExit(waitChild(pid));
+        if (!probe::waitFor(probe::poolIdle)) _exit(3);
+    });
 }
 
 TEST(ThreadExit, ProcessWithAThreadInALongRunExitsWithoutWaitingForIt) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        static Sleeper sleeper;  // alive through exit, as the pass needs
+    expectCleanExit([] {
+        static Blocked sleeper;  // alive through exit, as the pass needs
         static std::atomic<bool> workStarted{false};
         sleeper.start();
-        kel_dispatch_async_t(nullptr, longWork, &workStarted);
-        DaemonThread idle;
+        kel_dispatch_async_t(nullptr, [](void*) { workStarted = true, sleep(120); }, nullptr);
+        static DaemonThread idle;
         idle.start();
         if (!probe::waitFor([] { return sleeper.inRun.load() && workStarted.load(); })) _exit(3);
-        exit(0);
-    }
-    // Far less than the two minutes that the busy threads sleep.
-    expectCleanExit(waitChild(pid, 60));
+    });
 }
 
+// The parent has idle and busy pooled threads and a default queue in use;
+// none of these threads exists in the child, which starts with an empty pool.
 TEST(ThreadExit, ForkedChildOfAPoolUserExitsAlthoughItsThreadsAreMissing) {
-    // The parent has idle pooled threads, a busy one and a default queue
-    // in use; none of these threads exists in the child.
     probe::Gate gate;
     DaemonThread idle;
     ASSERT_TRUE(idle.start());
-    class Blocked : public DaemonThread {
-    public:
-        probe::Gate* gate;
-        std::atomic<bool> inRun{false};
-        void run() override {
-            inRun = true;
-            gate->wait();
-        }
-    } busy;
+    Blocked busy;
     busy.gate = &gate;
     ASSERT_TRUE(busy.start());
     kel_dispatch_async_t(nullptr, noop, nullptr);
     ASSERT_TRUE(probe::waitFor([&] { return busy.inRun.load(); }));
-
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    expectCleanExit([] {
         KelPoolCounts c = kel_pool_counts();
-        // The child starts with an empty pool.
         if (c.used != 0 || c.free != 0 || c.alive != 0) _exit(4);
 #if !defined(__SANITIZE_THREAD__) && !defined(KEL_TEST_UNDER_EMULATOR)
-        // It may use the pool afresh (thread creation after a multithreaded
-        // fork is refused by the thread sanitizer and unreliable under an
-        // emulator, so not there).
+        // The pool works afresh (thread creation after a multithreaded fork
+        // is refused by the thread sanitizer and unreliable under emulation).
         DaemonThread fresh;
         if (!fresh.start()) _exit(5);
-        if (!probe::waitFor(poolIdle)) _exit(6);
+        if (!probe::waitFor(probe::poolIdle)) _exit(6);
 #endif
-        exit(0);
-    }
-    expectCleanExit(waitChild(pid));
+    });
     gate.open();
-    ASSERT_TRUE(probe::waitFor(poolIdle));
+    ASSERT_TRUE(probe::waitFor(probe::poolIdle));
 }

@@ -1,5 +1,5 @@
-// Helpers for the thread-service tests: counting the process's threads,
-// waiting for a condition with a generous bound, naming the calling thread.
+// Helpers for the thread-service tests: bounded polling, a one-shot gate,
+// the calling thread's name and id, the pool's idle state.
 #ifndef KEL_TESTS_SUPPORT_THREAD_PROBE_H
 #define KEL_TESTS_SUPPORT_THREAD_PROBE_H
 
@@ -13,17 +13,12 @@
 #include <string>
 #include <thread>
 
+#include "daemon_thread.h"
 #include "threads.h"
 
 namespace probe {
 
-// Number of threads of this process.
-inline int taskCount() { return threadCount(); }
-
-inline int baselineTaskCount() { return baselineThreadCount(); }
-
-// Polls `pred` until it holds or `seconds` have passed. The bound only keeps
-// a broken build from hanging; it is far above any expected time.
+// Polls `pred` until it holds; the bound only keeps a broken build from hanging.
 template <typename Pred>
 bool waitFor(Pred pred, int seconds = 20) {
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
@@ -42,7 +37,8 @@ inline std::string threadName() {
 
 inline long tid() { return static_cast<long>(syscall(SYS_gettid)); }
 
-// A one-shot gate: threads wait until it opens.
+inline bool poolIdle() { return kel_pool_counts().used == 0; }
+
 class Gate {
 public:
     void open() {
@@ -50,7 +46,6 @@ public:
         mOpen = true;
         mCond.notify_all();
     }
-    // False when the gate did not open within `seconds`.
     bool wait(int seconds = 20) {
         std::unique_lock<std::mutex> l(mMutex);
         return mCond.wait_for(l, std::chrono::seconds(seconds), [this] { return mOpen; });
