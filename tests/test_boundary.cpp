@@ -94,7 +94,8 @@ TEST_F(Boundary, MisuseAssertsWithoutSideEffectsAndTheLoopGoesOn) {
         StateMache mache(1, 0);
         OneState spare;
         mache.registStates(new OneState, "one", 0);
-        EXPECT_TRUE(assertsIn([&] { mache.registStates(&spare, "two", 0); }, "state_mache.cpp", "registStates"));
+        EXPECT_TRUE(
+            assertsIn([&] { mache.registStates(&spare, "two", 0); }, "state_mache.cpp", "registStates"));
         ATimer t;
         const PoolCounts before = freeBlocks(&loop);
         EXPECT_TRUE(assertsIn([&] { t.restart(10); }, "app_timer.cpp", "restart"));

@@ -104,13 +104,19 @@ TEST(WorkQueue, WorkQueuedFromAWorkRunsLaterWithoutBlockingTheQueuer) {
     Trace trace;
     gTrace = &trace;
     trace.q = kel_dispatch_queue_create();
-    kel_dispatch_async_t(trace.q, [](void*) { gTrace->gate.wait(); }, nullptr);
-    kel_dispatch_async_t(trace.q, [](void*) {
-        kel_dispatch_async_t(gTrace->q, [](void*) { gTrace->lateRan = true, gTrace->note(3); }, nullptr);
-        gTrace->returnedFirst = !gTrace->lateRan.load();
-        gTrace->note(1);
-    }, nullptr);
-    kel_dispatch_async_t(trace.q, [](void*) { gTrace->note(2); }, nullptr);
+    kel_dispatch_async_t(
+        trace.q, [](void*) { gTrace->gate.wait(); }, nullptr);
+    kel_dispatch_async_t(
+        trace.q,
+        [](void*) {
+            kel_dispatch_async_t(
+                gTrace->q, [](void*) { gTrace->lateRan = true, gTrace->note(3); }, nullptr);
+            gTrace->returnedFirst = !gTrace->lateRan.load();
+            gTrace->note(1);
+        },
+        nullptr);
+    kel_dispatch_async_t(
+        trace.q, [](void*) { gTrace->note(2); }, nullptr);
     EXPECT_EQ(trace.done.n, 0);  // the first work still blocks
     trace.gate.open();
     ASSERT_TRUE(trace.done.waitFor(3));
@@ -133,16 +139,19 @@ TEST(WorkQueue, SeveralQueuesRunInParallel) {
     DispathQueue* qs[kQueues];
     for (auto& q : qs) {
         q = kel_dispatch_queue_create();
-        kel_dispatch_async_t(q, [](void* p) {
-            Meet* mt = static_cast<Meet*>(p);
-            std::unique_lock<std::mutex> l(mt->m);
-            ++mt->arrived;
-            mt->cv.notify_all();
-            if (mt->cv.wait_for(l, std::chrono::seconds(30), [&] { return mt->arrived == kQueues; })) {
-                l.unlock();
-                mt->done.add();
-            }
-        }, &meet);
+        kel_dispatch_async_t(
+            q,
+            [](void* p) {
+                Meet* mt = static_cast<Meet*>(p);
+                std::unique_lock<std::mutex> l(mt->m);
+                ++mt->arrived;
+                mt->cv.notify_all();
+                if (mt->cv.wait_for(l, std::chrono::seconds(30), [&] { return mt->arrived == kQueues; })) {
+                    l.unlock();
+                    mt->done.add();
+                }
+            },
+            &meet);
     }
     ASSERT_TRUE(meet.done.waitFor(kQueues));
     EXPECT_GE(kel_pool_counts().alive, kQueues);
@@ -184,7 +193,8 @@ TEST(WorkQueue, LastHandleMayBeDroppedAfterQueuingOrFromAWork) {
             kel_dispatch_queue_destory(q);
         } else {
             static Done* d = &done;
-            kel_dispatch_async_t(q, [](void* h) { kel_dispatch_queue_destory(h), d->add(); }, q);
+            kel_dispatch_async_t(
+                q, [](void* h) { kel_dispatch_queue_destory(h), d->add(); }, q);
         }
     }
     ASSERT_TRUE(done.waitFor(450));

@@ -78,7 +78,8 @@ TEST(ThreadExit, ProcessWithAThreadInALongRunExitsWithoutWaitingForIt) {
         static Blocked sleeper;  // alive through exit, as the pass needs
         static std::atomic<bool> workStarted{false};
         sleeper.start();
-        kel_dispatch_async_t(nullptr, [](void*) { workStarted = true, sleep(120); }, nullptr);
+        kel_dispatch_async_t(
+            nullptr, [](void*) { workStarted = true, sleep(120); }, nullptr);
         static DaemonThread idle;
         idle.start();
         if (!probe::waitFor([] { return sleeper.inRun.load() && workStarted.load(); })) _exit(3);

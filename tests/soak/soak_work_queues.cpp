@@ -101,7 +101,8 @@ TEST(WorkQueueSoak, ManyProducersAndQueuesMadeAndDropped) {
     for (auto& t : threads) t.join();
 
     wd.phase("drain");
-    EXPECT_TRUE(waitUntil([&] { return done() + shortDone.load() == outstanding.load() + shortWorks.load(); }, 60.0));
+    EXPECT_TRUE(
+        waitUntil([&] { return done() + shortDone.load() == outstanding.load() + shortWorks.load(); }, 60.0));
     for (auto& q : queues) kel_dispatch_queue_destory(q);
     EXPECT_TRUE(waitUntil([] { return kel_pool_counts().used == 0; }, 30.0)) << "the pool is not idle";
     long works = 0;
