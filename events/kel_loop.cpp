@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -83,42 +84,60 @@ std::atomic<int> _g_sig_write_fd{-1};
 std::atomic<pid_t> _g_sig_owner{0};  // the process whose signal thread reads the pipe
 int _g_sig_read_fd = -1;
 
+// Branches in progress that may use the loop. The loop's destructor clears
+// `_loop` and then waits for this to be 0, so a branch never uses a loop
+// that is being destroyed. Memory ordering: the increment here and the load
+// of `_loop` below, like the destructor's store and load, are sequentially
+// consistent: either the branch sees no loop or the destructor sees it busy.
+std::atomic<int> _g_sig_busy{0};
+
+// Ends the process from a branch; not counted as busy, so that the exit
+// handlers may destroy the loop.
+[[noreturn]] void exitFromBranch() {
+    _g_sig_busy.fetch_sub(1, std::memory_order_release);
+    exit(1);
+}
+
 // The rest of a branch, after its log line. Signal thread (or, with no
 // signal thread, the handler).
 void runBranch(const SigRequest& r) {
+    _g_sig_busy.fetch_add(1, std::memory_order_seq_cst);
+    KelLoop* loop = __atomic_load_n(&_loop, __ATOMIC_SEQ_CST);
     switch (branchOf(r.sig)) {
         case kError:
-            if (_loop != nullptr) _loop->occurSysError();
-            exit(1);
+            if (loop != nullptr) loop->occurSysError();
+            exitFromBranch();
         case kExit:
-            exit(1);
+            exitFromBranch();
         case kUser: {
-            if (_loop == nullptr) exit(1);
+            if (loop == nullptr) exitFromBranch();
             GeneralQEvt* e =
                 static_cast<GeneralQEvt*>(KelLoop::newEvt(SIG_SYS_USER_SIGNAL, sizeof(GeneralQEvt)));
-            if (e == nullptr) return;  // lost; newX_ has logged
-            e->message = r.sig;
-            e->wParam = r.pid;
-            e->lParam = r.value;
-            _loop->postLIFO(e);
-            Kel::signal();
-            return;
+            if (e != nullptr) {  // otherwise lost; newX_ has logged
+                e->message = r.sig;
+                e->wParam = r.pid;
+                e->lParam = r.value;
+                loop->postLIFO(e);
+                Kel::signal();
+            }
+            break;
         }
         case kInterrupt:
-            if (_loop == nullptr) exit(1);
-            _loop->postCmd(SIG_SYS_SIGNAL_INT);
+            if (loop == nullptr) exitFromBranch();
+            loop->postCmd(SIG_SYS_SIGNAL_INT);
             Kel::signal();
-            return;
+            break;
         case kTerminate: {
-            if (_loop == nullptr) exit(1);
-            bool ret = _loop->postCmd(SIG_SYSTEM_POWEROFF);
+            if (loop == nullptr) exitFromBranch();
+            bool ret = loop->postCmd(SIG_SYSTEM_POWEROFF);
             Kel::signal();
             KEL_LOG(LOG_DEBUG, "post cmd state, ret: %d", ret ? 1 : 0);
-            return;
+            break;
         }
         case kOther:
-            return;
+            break;
     }
+    _g_sig_busy.fetch_sub(1, std::memory_order_release);
 }
 
 void* signalThreadMain(void*) {
@@ -147,7 +166,8 @@ void signal_handler(int sig, siginfo_t* info, void*) {
             break;
         case kTerminate:
             KEL_LOG(LOG_WARN, "Application[%d] will poweroff or terminal, loop handler: %p",
-                    static_cast<int>(getpid()), static_cast<void*>(_loop));
+                    static_cast<int>(getpid()),
+                    static_cast<void*>(__atomic_load_n(&_loop, __ATOMIC_RELAXED)));
             break;
         case kExit:
             KEL_LOG(LOG_ERROR, "Application[%d] will exit by signal:%d", static_cast<int>(getpid()), sig);
@@ -259,12 +279,14 @@ KelLoop::KelLoop(unsigned int msgs) : state_mache(nullptr), thread_id(0) {
     gen_pool = gp.release();
     state_pool = sp.release();
     _timer = timer;
-    _loop = this;
+    __atomic_store_n(&_loop, this, __ATOMIC_RELEASE);  // read by the signal thread
 }
 
 KelLoop::~KelLoop() {
     KEL_LOG(LOG_WARN, "Main Event Loop is exit.");
-    _loop = nullptr;
+    __atomic_store_n(&_loop, nullptr, __ATOMIC_SEQ_CST);
+    // A signal branch that found the loop finishes with it first.
+    while (_g_sig_busy.load(std::memory_order_seq_cst) != 0) sched_yield();
     delete queue;  // events still queued are dropped, not released
     delete pool_gen;
     delete pool_state;
