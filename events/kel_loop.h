@@ -20,7 +20,8 @@
 // KelLoop::init_all; build the state machine and the timers after it and
 // destroy them before it. After `execLoop` has returned 0 the event mutex is
 // gone: events may still be released and timers stopped (on a spare lock),
-// but nothing more should be posted.
+// but nothing more should be posted. The destructor waits for a signal
+// branch that is still posting to the loop (a few instructions).
 #ifndef KEL_EVENTS_KEL_LOOP_H
 #define KEL_EVENTS_KEL_LOOP_H
 
