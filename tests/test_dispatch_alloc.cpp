@@ -11,6 +11,7 @@
 
 #include "dispatch_process.h"
 #include "support/log_capture.h"
+#include "support/node_counts.h"
 
 namespace {
 std::atomic<long> gAllocs{0};
@@ -52,17 +53,6 @@ using dispatch::Timer;
 
 namespace {
 
-// Nodes in use and made, process-wide, from the queue's log line.
-int poolUsed(Queue& q, int* made = nullptr) {
-    LogCapture cap;
-    q.profile();
-    int used = -1, count = -1;
-    for (const auto& l : cap.lines())
-        if (sscanf(l.text.c_str(), "node pools: used=%d, counts=%d", &used, &count) == 2) break;
-    if (made) *made = count;
-    return used;
-}
-
 struct Counter : public Object {
     void hit() { ++calls; }
     void other() { ++calls; }
@@ -103,17 +93,17 @@ TEST(DispatchAlloc, SteadyStateTouchesNoHeap) {
     std::thread t([&] { loop.exec(); });
     for (int i = 0; i < 3; ++i) burst(q, loop, timer, c, n);  // warm the pool
     int made0 = 0, made1 = 0;
-    poolUsed(q, &made0);
+    dispatchNodesUsed(q, &made0);
     gAllocs = 0;
     for (int i = 0; i < 200; ++i) burst(q, loop, timer, c, n);
     EXPECT_EQ(gAllocs, 0);
-    poolUsed(q, &made1);
+    dispatchNodesUsed(q, &made1);
     EXPECT_EQ(made1, made0) << "the pool did not grow";
     EXPECT_EQ(c.calls, 203 * 9);
     timer.stop();
     loop.exit();
     t.join();
-    EXPECT_EQ(poolUsed(q), 0);
+    EXPECT_EQ(dispatchNodesUsed(q), 0);
 }
 
 TEST(DispatchAlloc, HeapFailureInRestartLeavesTheQueueUsable) {
@@ -122,16 +112,16 @@ TEST(DispatchAlloc, HeapFailureInRestartLeavesTheQueueUsable) {
     Timer timer(&q);
     timer.setHandler(FUNC(&Counter::hit), &c);
     int made = 0;
-    ASSERT_EQ(poolUsed(q, &made), 0);
+    ASSERT_EQ(dispatchNodesUsed(q, &made), 0);
     ASSERT_EQ(made, 0) << "a fresh pool must allocate";
     gFailNext = true;
     EXPECT_THROW(timer.restart(0), std::bad_alloc);
     EXPECT_FALSE(timer.isRunning()) << "a restart that failed leaves the timer stopped";
-    EXPECT_EQ(poolUsed(q, &made), 0);
+    EXPECT_EQ(dispatchNodesUsed(q, &made), 0);
     EXPECT_EQ(made, 0);
     // The queue's mutex was released: these would block otherwise.
     EXPECT_EQ(q.getNeedWait(), INT64_MAX);
     timer.restart(0);
     while (c.calls == 0) q.queueProcess(0);
-    EXPECT_EQ(poolUsed(q), 0);
+    EXPECT_EQ(dispatchNodesUsed(q), 0);
 }

@@ -14,6 +14,7 @@
 #include "dispatch_process.h"
 #include "support/log_capture.h"
 #include "support/loop_helpers.h"
+#include "support/node_counts.h"
 #include "support/thread_probe.h"
 #include "support/threads.h"
 
@@ -28,12 +29,8 @@ namespace {
 
 // Nodes in use, process-wide, read through the queue's own log line.
 int used() {
-    LogCapture cap;
-    Queue().profile();
-    int u = -1, made = -1;
-    for (const auto& l : cap.lines())
-        if (sscanf(l.text.c_str(), "node pools: used=%d, counts=%d", &u, &made) == 2) break;
-    return u;
+    Queue q;
+    return dispatchNodesUsed(q);
 }
 
 class Trace {

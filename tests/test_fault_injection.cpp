@@ -32,6 +32,7 @@
 #include "state_mache.h"
 #include "support/log_capture.h"
 #include "support/loop_helpers.h"
+#include "support/node_counts.h"
 
 // ------------------------------------------------------------ failing heap
 
@@ -282,17 +283,6 @@ using dispatch::FUNC;
 using dispatch::Object;
 using dispatch::Queue;
 
-int nodes(Queue& q, int* made = nullptr) {
-    LogCapture cap;
-    q.profile();
-    int used = -1, count = -1;
-    for (const auto& l : cap.lines()) {
-        if (sscanf(l.text.c_str(), "node pools: used=%d, counts=%d", &used, &count) == 2) break;
-    }
-    if (made) *made = count;
-    return used;
-}
-
 struct Tracker : public Object {
     explicit Tracker(std::vector<int>* log, int tag = 0) : log(log), tag(tag) {}
     ~Tracker() override {
@@ -334,18 +324,18 @@ TEST(DispatchFaults, HeapFailureWhileQueuingLeavesTheQueueUsable) {
         {"enqueueAutofree", [&] { q.enqueueAutofree(FUNC(&Tracker::call), owned); }},
         {"Loop::post", [&] { loop.post(ev); }},
     };
-    ASSERT_EQ(nodes(q), 0);
+    ASSERT_EQ(dispatchNodesUsed(q), 0);
     for (size_t i = 0; i < ways.size(); ++i) {
         SCOPED_TRACE(ways[i].first);
         int made = 0;
-        int used = nodes(q, &made);
+        int used = dispatchNodesUsed(q, &made);
         ASSERT_EQ(used, made) << "the store must be empty so that the call grows it";
         gFailNext = true;
         EXPECT_THROW(ways[i].second(), std::bad_alloc);
-        EXPECT_EQ(nodes(q), used);
+        EXPECT_EQ(dispatchNodesUsed(q), used);
         EXPECT_EQ(q.getNeedWait(), INT64_MAX) << "the queue's mutex is free";
         ways[i].second();  // the retry
-        EXPECT_EQ(nodes(q), used + 1);
+        EXPECT_EQ(dispatchNodesUsed(q), used + 1);
     }
     EXPECT_FALSE(deleted) << "a failed enqueueAutofree leaves the target with its caller";
     // exit comes after everything queued, and pending events are delivered
@@ -356,7 +346,7 @@ TEST(DispatchFaults, HeapFailureWhileQueuingLeavesTheQueueUsable) {
     EXPECT_EQ(log, (std::vector<int>{1, 2, 3}));
     EXPECT_TRUE(deleted);
     EXPECT_EQ(loop.log, std::vector<int>{7});
-    EXPECT_EQ(nodes(q), 0);
+    EXPECT_EQ(dispatchNodesUsed(q), 0);
 }
 
 // ------------------------------------------------------- thread services

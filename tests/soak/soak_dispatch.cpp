@@ -16,6 +16,7 @@
 #include "soak.h"
 #include "support/log_capture.h"
 #include "support/loop_helpers.h"
+#include "support/node_counts.h"
 
 using dispatch::FUNC;
 using dispatch::Loop;
@@ -26,15 +27,6 @@ using dispatch::Timer;
 namespace {
 
 constexpr int kProducers = 4;
-
-int nodesUsed(Queue& q) {
-    LogCapture cap;
-    q.profile();
-    int used = -1, made = -1;
-    for (const auto& l : cap.lines())
-        if (sscanf(l.text.c_str(), "node pools: used=%d, counts=%d", &used, &made) == 2) break;
-    return used;
-}
 
 struct Counter : public Object {
     void hit() { calls.fetch_add(1); }
@@ -209,6 +201,6 @@ TEST(DispatchSoak, ProducersRunCancelTimersAndLockFromOtherThreads) {
     EXPECT_LE(notified.calls.load(), notifies.load());
     EXPECT_EQ(lost.load(), 0) << "an armed timer never fired";
     EXPECT_EQ(lateFires.load(), 0) << "a stopped timer fired";
-    EXPECT_EQ(nodesUsed(q), 0) << "nodes did not come back";
+    EXPECT_EQ(dispatchNodesUsed(q), 0) << "nodes did not come back";
     RecordProperty("items", static_cast<int>(totalCalls + totalEvents));
 }
