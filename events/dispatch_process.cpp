@@ -55,12 +55,34 @@ struct LoopEvtItem {
 
 namespace {
 
+// A free node in a queue's cache, linked through its first word.
+struct FreeNode {
+    FreeNode* next;
+};
+
+// The free nodes one queue keeps for its own records. The list belongs to
+// the queue and is used under its mutex; the store knows the cache only to
+// leave its nodes out of the "used" count.
+struct NodeCache {
+    FreeNode* head = nullptr;
+    // Memory ordering: relaxed. Written under the queue's mutex; read by
+    // NodePool::profile() for a log line, which may be stale by one node.
+    std::atomic<int> count{0};
+    // Links in the store's list of caches, under the store's mMtx.
+    NodeCache* prev = nullptr;
+    NodeCache* next = nullptr;
+};
+
 inline ItemTimer* nextTimer(const ItemTimer* t) { return static_cast<ItemTimer*>(t->next); }
 
 // ---------------------------------------------------------------------------
 // Process-wide store of fixed-size nodes. Grows by one node whenever a take
-// finds it empty, never shrinks. mMtx is a leaf lock: callers may hold a
-// queue's mutex, never the other way round.
+// finds it empty, never shrinks. Queues take nodes from it in batches into a
+// cache of their own and give them back only when they go (see NodeCache):
+// the store's lock is then taken once per batch, not once per record, and
+// the threads queuing work and the thread processing it meet only on the
+// queue's mutex. mMtx is a leaf lock: callers may hold a queue's mutex,
+// never the other way round.
 
 constexpr size_t maxOf(size_t a, size_t b, size_t c) { return a > b ? (a > c ? a : c) : (b > c ? b : c); }
 
@@ -72,54 +94,64 @@ public:
             maxOf(alignof(DispatchItem), alignof(ItemTimer), alignof(LoopEvtItem));
 
         alignas(kAlign) char a[kSize];
-
-        template <typename T>
-        T* get() {
-            return reinterpret_cast<T*>(a);
-        }
     };
 
     NodePool() : mCount(0), mUsed(0) {}
 
-    // A node built as a T (DispatchItem or ItemTimer). Any thread.
-    template <typename T>
-    T* getNode(Object::Callback1 fn, Object* data, bool async, bool merge) {
+    // Fills the empty `cache` with up to `want` nodes: at least one (the
+    // store grows by one if it is empty), more only as far as the store
+    // already has them. Caller holds the cache's queue mutex. If the heap
+    // fails, the exception leaves store and cache as they were.
+    void refill(NodeCache* cache, int want) {
         Autolock guard(&mMtx);
-        return new (take()->get<T>()) T(fn, data, async, merge);
+        FreeNode* first = nullptr;
+        int n = 0;
+        do {
+            first = new (take()->a) FreeNode{first};
+            ++n;
+        } while (n < want && !mPools.empty());
+        cache->head = first;
+        cache->count.store(n, std::memory_order_relaxed);
     }
 
-    // A node holding a copy of `e`, with `next` null. Any thread.
-    LoopEvtItem* getLoopNode(Loop::Evt& e) {
+    // Counts `cache` out of "used" from now on. Any thread.
+    void attach(NodeCache* cache) {
         Autolock guard(&mMtx);
-        return new (take()->get<LoopEvtItem>()) LoopEvtItem{e, nullptr};
+        cache->next = mCaches;
+        if (mCaches != nullptr) mCaches->prev = cache;
+        mCaches = cache;
     }
 
-    // Takes back a record that getNode or getLoopNode handed out, exactly
-    // once. Its bytes stay as they are until the node is handed out again.
-    void recycle(void* item) {
+    // Takes back every node of `cache` and forgets it. Caller is the
+    // cache's last user.
+    void detach(NodeCache* cache) {
         Autolock guard(&mMtx);
-        ListTable<Node>::iterator it(ListTable<Node>::ListItem::fromData(static_cast<Node*>(item)));
-        mPools.push_back(it);
-        mUsed.store(mUsed.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-    }
-
-    // Takes back a chain of finished items linked through `next`, under one
-    // lock of the store.
-    void recycleChain(DispatchItem* first, int count) {
-        Autolock guard(&mMtx);
-        while (first != nullptr) {
-            DispatchItem* next = first->next;
-            ListTable<Node>::iterator it(ListTable<Node>::ListItem::fromData(reinterpret_cast<Node*>(first)));
-            mPools.push_back(it);
-            first = next;
+        if (cache->prev != nullptr) {
+            cache->prev->next = cache->next;
+        } else {
+            mCaches = cache->next;
         }
-        mUsed.store(mUsed.load(std::memory_order_relaxed) - count, std::memory_order_relaxed);
+        if (cache->next != nullptr) cache->next->prev = cache->prev;
+        for (FreeNode* n = cache->head; n != nullptr;) {
+            FreeNode* next = n->next;
+            ListTable<Node>::iterator it(ListTable<Node>::ListItem::fromData(reinterpret_cast<Node*>(n)));
+            mPools.push_back(it);
+            n = next;
+        }
+        mUsed -= cache->count.load(std::memory_order_relaxed);
+        cache->head = nullptr;
+        cache->count.store(0, std::memory_order_relaxed);
     }
 
-    // A snapshot of the counters, read without the lock.
+    // Logs the nodes holding records (nodes out of the store less those
+    // waiting in queue caches) and the nodes made. A snapshot: exact when no
+    // other thread works on a queue.
     void profile() {
-        KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", mUsed.load(std::memory_order_relaxed),
-                mCount.load(std::memory_order_relaxed));
+        Autolock guard(&mMtx);
+        int cached = 0;
+        for (NodeCache* c = mCaches; c != nullptr; c = c->next)
+            cached += c->count.load(std::memory_order_relaxed);
+        KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", mUsed - cached, mCount);
     }
 
 private:
@@ -130,19 +162,20 @@ private:
             Node blank;
             memset(&blank, 0, sizeof blank);
             mPools.push_back(blank);
-            mCount.store(mCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+            ++mCount;
         }
         ListTable<Node>::iterator it = mPools.pop_back();
-        mUsed.store(mUsed.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        ++mUsed;
         return &*it;
     }
 
-    // Memory ordering: relaxed. Both are written only under mMtx; profile()
-    // reads them unlocked for a log line that may be stale.
-    std::atomic<int> mCount;
-    std::atomic<int> mUsed;
+    // Written and read only under mMtx; mUsed counts nodes out of the
+    // store, those in caches included.
+    int mCount;
+    int mUsed;
     KelMutex mMtx;
     ListTable<Node> mPools;
+    NodeCache* mCaches = nullptr;
 };
 
 // The node is sized for the largest record and aligned for the strictest;
@@ -223,7 +256,18 @@ public:
     }
     void unref();
 
-    void append(DispatchItem* item);
+    void enqueueItem(Object::Callback1 fn, Object* fn_data, bool merge, bool delobject);
+    bool link(DispatchItem* item);
+    void announce(bool wake);
+    // Caller holds `lock`. True once per sleep of the processing thread:
+    // the first piece of work that arrives while it sleeps wakes it, later
+    // ones find it woken already and broadcast nothing. (A broadcast while
+    // the sleeper is still on its way out of the wait costs a system call.)
+    bool takeSleeper() {
+        bool s = sleeping;
+        sleeping = false;
+        return s;
+    }
     void remove(Object::Callback1 fn, Object* fn_data);
     void procEventFunc();
     void wakeup();
@@ -237,6 +281,13 @@ public:
     bool haveTigger();
     void procTimer();
 
+    // After a callback: only a thread in lock() waits for `locked` to drop.
+    // Waking nobody else keeps a thread blocked in run() asleep while the
+    // items queued before its own are processed. Caller holds `lock`.
+    void wakeLockers() {
+        if (lock_requests != 0) pthread_cond_broadcast(&cond);
+    }
+
     // For lock-rule checks in debug builds: the mutex is held by someone.
     bool mutexHeld() {
         if (pthread_mutex_trylock(&lock) != 0) return true;
@@ -244,25 +295,40 @@ public:
         return false;
     }
 
-    // Finished asynchronous items go back to the node store in batches: one
-    // lock of the store for many items, so that the processing thread and
-    // the threads queuing work meet there less often. The batch is handed
-    // back whenever the queue runs dry, before a run() item completes and
-    // when the body goes. Caller holds `lock`.
-    void keepDone(DispatchItem* item) {
-        item->next = doneHead;
-        doneHead = item;
-        if (++doneCount == kDoneBatch) flushDone();
+    // Records come from and go back to this queue's own cache of free
+    // nodes (see NodePool). An empty cache is refilled from the store with
+    // 1, 2, 4 ... up to kCacheBatch nodes at a time, so that a queue with
+    // little work takes little. The cache keeps what it gets back until the
+    // body goes: a queue holds on to the nodes of its own peak. Caller
+    // holds `lock`.
+    // May throw std::bad_alloc, with nothing changed.
+    template <typename T>
+    T* getNode(Object::Callback1 fn, Object* data, bool async, bool merge) {
+        return new (takeNode()) T(fn, data, async, merge);
     }
-    void flushDone() {
-        if (doneHead == nullptr) return;
-        gPool->recycleChain(doneHead, doneCount);
-        doneHead = nullptr;
-        doneCount = 0;
+    // May throw std::bad_alloc, with nothing changed.
+    LoopEvtItem* getLoopNode(Loop::Evt& e) { return new (takeNode()) LoopEvtItem{e, nullptr}; }
+    // Takes back a record from getNode or getLoopNode, exactly once.
+    void recycle(void* item) {
+        cache.head = new (item) FreeNode{cache.head};
+        cache.count.store(cache.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
-    static constexpr int kDoneBatch = 32;
-    DispatchItem* doneHead = nullptr;
-    int doneCount = 0;
+    void* takeNode() {
+        if (cache.head == nullptr) {
+            gPool->refill(&cache, refillSize);
+            if (refillSize < kCacheBatch) refillSize *= 2;
+        }
+        FreeNode* n = cache.head;
+        cache.head = n->next;
+        // The next node was last written by whichever thread gave it back,
+        // often the processing thread: start fetching it for writing now.
+        if (cache.head != nullptr) __builtin_prefetch(cache.head, 1);
+        cache.count.store(cache.count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+        return n;
+    }
+    static constexpr int kCacheBatch = 32;
+    int refillSize = 1;
+    NodeCache cache;
 
     DispatchItem* head = nullptr;
     DispatchItem* tail = nullptr;
@@ -275,6 +341,7 @@ public:
     Object* wakeup_ctx = nullptr;
     int64_t wait = 0;
     bool interrupted = false;
+    bool sleeping = false;  // the processing thread waits for work or a timer
     bool in_process = false;
     pthread_t in_process_thread = 0;
     bool locked = false;
@@ -301,6 +368,7 @@ QueuePrivate::QueuePrivate() {
     pthread_cond_init(&cond, &attr);
     pthread_condattr_destroy(&attr);
     if (gPool == nullptr) gPool = new NodePool;
+    gPool->attach(&cache);
 }
 
 // A destructor cannot hand an exception to anyone: a body destroyed with work
@@ -311,12 +379,12 @@ QueuePrivate::~QueuePrivate() {
     KEL_ASSERT(!in_process);
     KEL_ASSERT(lock_requests == 0);
     KEL_ASSERT(!locked);
-    flushDone();
     while (timerhead != nullptr) {
         ItemTimer* t = timerhead;
         timerhead = nextTimer(t);
-        gPool->recycle(t);
+        recycle(t);
     }
+    gPool->detach(&cache);
     pthread_cond_destroy(&cond);
     pthread_mutex_destroy(&lock);
 }
@@ -328,17 +396,27 @@ void QueuePrivate::unref() {
     }
 }
 
-void QueuePrivate::append(DispatchItem* item) {
-    pthread_mutex_lock(&lock);
-    if (item->mergeable) {
-        for (DispatchItem* p = head; p != nullptr; p = p->next) {
-            if (p->mergeable && p->fn == item->fn && p->fn_data == item->fn_data) {
-                gPool->recycle(item);
-                pthread_mutex_unlock(&lock);
-                return;
+// Queues an asynchronous item. A mergeable one equal to a pending mergeable
+// item is dropped, and then nobody is woken.
+void QueuePrivate::enqueueItem(Object::Callback1 fn, Object* fn_data, bool merge, bool delobject) {
+    bool wake;
+    {
+        PthreadAutolock guard(&lock);
+        if (merge) {
+            for (DispatchItem* p = head; p != nullptr; p = p->next) {
+                if (p->mergeable && p->fn == fn && p->fn_data == fn_data) return;
             }
         }
+        DispatchItem* item = getNode<DispatchItem>(fn, fn_data, true, merge);
+        item->delobject = delobject;
+        wake = link(item);
     }
+    announce(wake);
+}
+
+// Caller holds `lock`. Returns whether the processing thread needs waking.
+bool QueuePrivate::link(DispatchItem* item) {
+    KEL_DEBUG_ASSERT(mutexHeld());
     if (tail != nullptr) {
         tail->next = item;
     } else {
@@ -346,11 +424,14 @@ void QueuePrivate::append(DispatchItem* item) {
     }
     tail = item;
     if (wakeup_fn == nullptr) interrupted = true;
-    pthread_mutex_unlock(&lock);
-    // Broadcast after the unlock: a woken processing thread then finds the
-    // mutex free instead of going back to sleep on it. The caller holds a
-    // reference, so the body is still there.
-    pthread_cond_broadcast(&cond);
+    return takeSleeper();
+}
+
+// Called with `lock` released, after link(). Broadcast after the unlock: a
+// woken processing thread then finds the mutex free instead of going back
+// to sleep on it. The caller holds a reference, so the body is still there.
+void QueuePrivate::announce(bool wake) {
+    if (wake) pthread_cond_broadcast(&cond);
     wakeup();
 }
 
@@ -371,7 +452,7 @@ void QueuePrivate::remove(Object::Callback1 fn, Object* fn_data) {
             }
             p->next = nullptr;
             if (p->asynchronous) {
-                gPool->recycle(p);
+                recycle(p);
             } else {
                 // The item of a thread in run(): it lives on that thread's
                 // stack, so it is never recycled. It is marked completed
@@ -407,11 +488,9 @@ void QueuePrivate::procEventFunc() {
     locked = false;
     if (item->asynchronous) {
         if (item->delobject) delete item->fn_data;
-        keepDone(item);
-        pthread_cond_broadcast(&cond);
+        recycle(item);
+        wakeLockers();
     } else {
-        // What ran before this call is back in the store when run() returns.
-        flushDone();
         // The waiter in run() is woken with the mutex free, so it does not
         // block again on it while this pass goes on.
         item->completed = true;
@@ -429,7 +508,7 @@ void QueuePrivate::wakeup() {
 // Caller holds `lock`. May throw std::bad_alloc, with nothing changed.
 void QueuePrivate::appendTimer(Timer* that) {
     KEL_DEBUG_ASSERT(mutexHeld());
-    ItemTimer* item = gPool->getNode<ItemTimer>(that->fn, that->ctx, true, false);
+    ItemTimer* item = getNode<ItemTimer>(that->fn, that->ctx, true, false);
     item->tiggerTime = timeUs() + periodUs(that->mMSec);
     item->that = that;
     _appendTimer(item);
@@ -471,7 +550,7 @@ void QueuePrivate::removeTimer(Timer* timer) {
             } else {
                 timerhead = next;
             }
-            gPool->recycle(p);
+            recycle(p);
         } else {
             prev = p;
         }
@@ -488,7 +567,7 @@ int64_t QueuePrivate::getWait() {
     ItemTimer* first = held != nullptr ? nextTimer(held) : timerhead;
     while (first != nullptr && !first->that->isRunning()) {
         ItemTimer* next = nextTimer(first);
-        gPool->recycle(first);
+        recycle(first);
         first = next;
     }
     if (held != nullptr) {
@@ -515,7 +594,7 @@ void QueuePrivate::procTimer() {
         if (cur == nullptr) return;
         if (cur->that->isRunning()) break;
         timerhead = nextTimer(cur);
-        gPool->recycle(cur);
+        recycle(cur);
     }
     if (timeUs() < cur->tiggerTime) return;
 
@@ -528,7 +607,7 @@ void QueuePrivate::procTimer() {
     pthread_mutex_lock(&lock);
     KEL_ASSERT(timerProc);
     timerProc = false;
-    pthread_cond_broadcast(&cond);
+    wakeLockers();
     timerhead = nextTimer(cur);
 
     Timer* t = cur->that;
@@ -543,7 +622,7 @@ void QueuePrivate::procTimer() {
         cur->tiggerTime = timeUs() + periodUs(t->mMSec);
         _appendTimer(cur);
     } else {
-        gPool->recycle(cur);
+        recycle(cur);
     }
 }
 
@@ -566,19 +645,17 @@ void Queue::setWakeupFn(Object::Callback1 wakeup_fn, Object* ctx) {
 
 void Queue::enqueue(Object::Callback1 fn, Object* fn_data) {
     KEL_ASSERT(fn_data != nullptr);
-    d->append(gPool->getNode<DispatchItem>(fn, fn_data, true, false));
+    d->enqueueItem(fn, fn_data, false, false);
 }
 
 void Queue::enqueueAutofree(Object::Callback1 fn, Object* fn_data) {
     KEL_ASSERT(fn_data != nullptr);
-    DispatchItem* item = gPool->getNode<DispatchItem>(fn, fn_data, true, false);
-    item->delobject = true;
-    d->append(item);
+    d->enqueueItem(fn, fn_data, false, true);
 }
 
 void Queue::enqueueNotify(Object::Callback1 fn, Object* fn_data) {
     KEL_ASSERT(fn_data != nullptr);
-    d->append(gPool->getNode<DispatchItem>(fn, fn_data, true, true));
+    d->enqueueItem(fn, fn_data, true, false);
 }
 
 void Queue::cancelFn(Object::Callback1 fn, Object* fn_data) {
@@ -590,7 +667,10 @@ void Queue::cancelFn(Object::Callback1 fn, Object* fn_data) {
 void Queue::run(Object::Callback1 fn, Object* fn_data) {
     KEL_ASSERT(fn_data != nullptr);
     DispatchItem item(fn, fn_data, false, false, false);
-    d->append(&item);
+    pthread_mutex_lock(&d->lock);
+    bool wake = d->link(&item);
+    pthread_mutex_unlock(&d->lock);
+    d->announce(wake);
     pthread_mutex_lock(&d->lock);
     while (!item.completed) pthread_cond_wait(&d->cond, &d->lock);
     pthread_mutex_unlock(&d->lock);
@@ -606,23 +686,22 @@ void Queue::queueProcess(int timeout) {
 
     for (;;) {
         if (d->lock_requests != 0) {
-            d->flushDone();
             pthread_cond_wait(&d->cond, &d->lock);
         } else if (d->head != nullptr) {
             d->procEventFunc();
         } else if (d->haveTigger()) {
             d->procTimer();
         } else if (!d->interrupted && needWait) {
-            d->flushDone();
             d->wait = d->getWait();
             if (d->wait < 1) continue;
             timespec until = timeUsToTimespec(d->wait);
+            d->sleeping = true;
             pthread_cond_timedwait(&d->cond, &d->lock, &until);
+            d->sleeping = false;
         } else {
             break;
         }
     }
-    d->flushDone();
 
     KEL_ASSERT(!d->locked);
     d->in_process = false;
@@ -750,8 +829,8 @@ void Loop::setQueue(Queue* queue) {
 }
 
 void Loop::put(Evt& e, bool front) {
-    LoopEvtItem* item = gPool->getLoopNode(e);
     PthreadAutolock guard(&d->lock);
+    LoopEvtItem* item = d->getLoopNode(e);
     if (front) {
         item->next = d->loopHead;
         if (d->loopHead == nullptr) d->loopTail = item;
@@ -765,7 +844,7 @@ void Loop::put(Evt& e, bool front) {
         d->loopTail = item;
     }
     d->interrupted = true;
-    pthread_cond_broadcast(&d->cond);
+    if (d->takeSleeper()) pthread_cond_broadcast(&d->cond);
 }
 
 void Loop::post(Evt& e) { put(e, false); }
@@ -785,8 +864,8 @@ void Loop::exec() {
             item->next = nullptr;
             pthread_mutex_unlock(&d->lock);
             procSubMsg(item->evt);
-            gPool->recycle(item);
             pthread_mutex_lock(&d->lock);
+            d->recycle(item);
         }
         pthread_mutex_unlock(&d->lock);
     }

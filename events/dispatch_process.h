@@ -30,8 +30,11 @@
 // Memory
 //   Pending callbacks, timer entries and loop events live in fixed-size
 //   nodes of one process-wide free list that grows on demand and never
-//   shrinks. Once it has reached the peak an application needs, no
-//   operation of this module touches the heap.
+//   shrinks. Each queue takes nodes from it in small batches and keeps the
+//   ones it has used for its own next work; they go back to the list when
+//   the queue's body goes. Once every queue has reached its peak, no
+//   operation of this module touches the heap. Queue::profile counts only
+//   nodes holding work as used.
 #ifndef KEL_EVENTS_DISPATCH_PROCESS_H
 #define KEL_EVENTS_DISPATCH_PROCESS_H
 

@@ -125,3 +125,38 @@ TEST(DispatchAlloc, HeapFailureInRestartLeavesTheQueueUsable) {
     while (c.calls == 0) q.queueProcess(0);
     EXPECT_EQ(dispatchNodesUsed(q), 0);
 }
+
+// A queue keeps the nodes of its peak for itself while it lives; they are
+// not counted as used, and the next queue gets them once it is gone.
+TEST(DispatchAlloc, QueuesKeepTheirPeakAndHandItOnWhenTheyGo) {
+    Counter c;
+    int made = 0;
+    {
+        Queue light;
+        Timer timer(&light);
+        timer.setHandler(FUNC(&Counter::hit), &c);
+        timer.restart(60000);
+        EXPECT_EQ(dispatchNodesUsed(light, &made), 1);
+        EXPECT_EQ(made, 1) << "a queue with one timer takes one node";
+    }
+    int peak = 0;
+    {
+        Queue a;
+        for (int i = 0; i < 100; ++i) a.enqueue(FUNC(&Counter::hit), &c);
+        EXPECT_EQ(dispatchNodesUsed(a, &peak), 100);
+        a.queueProcess(0);
+        EXPECT_EQ(dispatchNodesUsed(a), 0) << "cached nodes hold no work";
+        gAllocs = 0;
+        for (int i = 0; i < 100; ++i) a.enqueue(FUNC(&Counter::hit), &c);
+        EXPECT_EQ(gAllocs, 0) << "the queue reuses its own nodes";
+        a.queueProcess(0);
+    }
+    Queue b;
+    gAllocs = 0;
+    for (int i = 0; i < 100; ++i) b.enqueue(FUNC(&Counter::hit), &c);
+    EXPECT_EQ(gAllocs, 0) << "the nodes of the queue that went came back to the store";
+    b.queueProcess(0);
+    EXPECT_EQ(dispatchNodesUsed(b, &made), 0);
+    EXPECT_EQ(made, peak);
+    EXPECT_EQ(c.calls, 300);
+}
