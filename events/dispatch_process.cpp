@@ -327,25 +327,29 @@ public:
         return n;
     }
     static constexpr int kCacheBatch = 32;
-    int refillSize = 1;
-    NodeCache cache;
 
+    // What a queuing thread and the processing thread both touch for every
+    // callback sits together, behind the mutex, so that a hand-over of the
+    // mutex moves as few cache lines as possible.
+    pthread_mutex_t lock;
     DispatchItem* head = nullptr;
     DispatchItem* tail = nullptr;
+    bool interrupted = false;
+    bool sleeping = false;  // the processing thread waits for work or a timer
+    bool locked = false;
+    bool in_process = false;
+    int refillSize = 1;
+    NodeCache cache;
+    size_t lock_requests = 0;
+    Object::Callback1 wakeup_fn = nullptr;
+    Object* wakeup_ctx = nullptr;
+
     ItemTimer* timerhead = nullptr;
     LoopEvtItem* loopHead = nullptr;
     LoopEvtItem* loopTail = nullptr;
-    pthread_mutex_t lock;
     pthread_cond_t cond;
-    Object::Callback1 wakeup_fn = nullptr;
-    Object* wakeup_ctx = nullptr;
     int64_t wait = 0;
-    bool interrupted = false;
-    bool sleeping = false;  // the processing thread waits for work or a timer
-    bool in_process = false;
     pthread_t in_process_thread = 0;
-    bool locked = false;
-    size_t lock_requests = 0;
     bool locked_explicit = false;
     pthread_t locked_explicit_thread = 0;
     bool timerProc = false;
