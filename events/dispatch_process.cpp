@@ -300,13 +300,11 @@ public:
     // 1, 2, 4 ... up to kCacheBatch nodes at a time, so that a queue with
     // little work takes little. The cache keeps what it gets back until the
     // body goes: a queue holds on to the nodes of its own peak. Caller
-    // holds `lock`.
-    // May throw std::bad_alloc, with nothing changed.
+    // holds `lock`. A take may throw std::bad_alloc, with nothing changed.
     template <typename T>
     T* getNode(Object::Callback1 fn, Object* data, bool async, bool merge) {
         return new (takeNode()) T(fn, data, async, merge);
     }
-    // May throw std::bad_alloc, with nothing changed.
     LoopEvtItem* getLoopNode(Loop::Evt& e) { return new (takeNode()) LoopEvtItem{e, nullptr}; }
     // Takes back a record from getNode or getLoopNode, exactly once.
     void recycle(void* item) {
