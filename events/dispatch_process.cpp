@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <string.h>
 
+#include <mutex>
 #include <new>
 
 #include "common_log.h"
@@ -369,7 +370,11 @@ QueuePrivate::QueuePrivate() {
     pthread_mutex_init(&lock, nullptr);
     pthread_cond_init(&cond, &attr);
     pthread_condattr_destroy(&attr);
-    if (gPool == nullptr) gPool = new NodePool;
+    // The first queue makes the store, also when several first queues are
+    // made at once on different threads. Memory ordering: call_once
+    // publishes gPool to every thread that passes it.
+    static std::once_flag made;
+    std::call_once(made, [] { gPool = new NodePool; });
     gPool->attach(&cache);
 }
 

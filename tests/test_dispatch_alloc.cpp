@@ -8,6 +8,7 @@
 #include <atomic>
 #include <new>
 #include <thread>
+#include <vector>
 
 #include "dispatch_process.h"
 #include "support/log_capture.h"
@@ -159,4 +160,28 @@ TEST(DispatchAlloc, QueuesKeepTheirPeakAndHandItOnWhenTheyGo) {
     EXPECT_EQ(dispatchNodesUsed(b, &made), 0);
     EXPECT_EQ(made, peak);
     EXPECT_EQ(c.calls, 300);
+}
+
+// The store is made by whichever queue comes first; queues made at the same
+// moment on several threads must still end up sharing one.
+TEST(DispatchAlloc, FirstQueuesMadeOnSeveralThreadsShareOneStore) {
+    Counter c;
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            while (!go) std::this_thread::yield();
+            Queue q;
+            for (int k = 0; k < 50; ++k) q.enqueue(FUNC(&Counter::hit), &c);
+            q.queueProcess(0);
+        });
+    }
+    go = true;
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(c.calls, 200);
+    Queue q;
+    int made = 0;
+    EXPECT_EQ(dispatchNodesUsed(q, &made), 0);
+    EXPECT_GE(made, 50);
+    EXPECT_LE(made, 200);
 }
