@@ -148,11 +148,15 @@ public:
     // waiting in queue caches) and the nodes made. A snapshot: exact when no
     // other thread works on a queue.
     void profile() {
-        Autolock guard(&mMtx);
-        int cached = 0;
-        for (NodeCache* c = mCaches; c != nullptr; c = c->next)
-            cached += c->count.load(std::memory_order_relaxed);
-        KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", mUsed - cached, mCount);
+        int used, made;
+        {
+            Autolock guard(&mMtx);
+            used = mUsed;
+            made = mCount;
+            for (NodeCache* c = mCaches; c != nullptr; c = c->next)
+                used -= c->count.load(std::memory_order_relaxed);
+        }
+        KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", used, made);
     }
 
 private:
