@@ -4,7 +4,8 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
 .PHONY: all configure build demo test bench clean format format-check \
-	check-all check-consumer check-asan check-tsan check-arm check-valgrind check-static check-fuzz
+	check-all check-consumer check-asan check-tsan check-arm check-valgrind check-static check-fuzz \
+	check-share mutants
 
 all: build
 
@@ -53,6 +54,14 @@ check-static:
 
 check-fuzz:
 	@$(STEPS) fuzz
+
+check-share:
+	@$(STEPS) share
+
+# Plants each fault of tools/mutate.py in a scratch copy and runs the suite
+# against it (slow; not part of CI). ONLY=name,... runs a subset.
+mutants:
+	@python3 tools/mutate.py -j $(JOBS) $(if $(ONLY),--only $(ONLY))
 
 format:
 	@$(STEPS) format

@@ -1,0 +1,272 @@
+#!/usr/bin/env python3
+"""Mutation check: does the suite notice a plausible fault in the library?
+
+Each mutant is one small fault: (name, file, exact original text, replacement).
+The tool copies the tracked tree to a scratch directory, builds it once
+(Release, tests only), then for each mutant puts the fault in, rebuilds
+incrementally, runs ctest (without the soak cases) and restores the file.
+
+  killed          a test failed (or timed out): the suite caught the fault
+  survived        every test passed: a missing test or an equivalent mutant
+  build-failed    the mutant does not compile; not counted either way
+  not-found       the original text is no longer in the file (the library
+                  changed under the mutant); not counted either way
+
+Usage: tools/mutate.py [--only NAME[,NAME...]] [-j N] [--timeout S]
+                       [--scratch DIR] [--list]
+"""
+import argparse
+import os
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+
+# (name, file, original, replacement). The original must occur exactly once.
+MUTANTS = [
+    # util/
+    ("node-add-order", "util/list_node.h",
+     "        next->prev = item;\n        next = item;",
+     "        next = item;\n        next->prev = item;"),
+    ("node-empty-test", "util/list_node.h",
+     "bool isEmpty() const { return next == this; }",
+     "bool isEmpty() const { return next == prev; }"),
+    ("table-pop-oldest", "util/list_table.h",
+     "ListNode* n = mRoot.getLast();", "ListNode* n = mRoot.prev;"),
+    # log/
+    ("log-level-inclusive", "log/msg_logger.cpp",
+     "if (level < _g_level.load(std::memory_order_relaxed)) return;",
+     "if (level <= _g_level.load(std::memory_order_relaxed)) return;"),
+    ("log-conf-value", "log/msg_logger.cpp",
+     "kellog::kel_log_set_level(atoi(p + 1));", "kellog::kel_log_set_level(atoi(p));"),
+    # events/kel_evt_pool_queue.cpp
+    ("pool-get-margin", "events/kel_evt_pool_queue.cpp",
+     "if (nFree > margin) {\n        QFreeBlock*", "if (nFree >= margin) {\n        QFreeBlock*"),
+    ("pool-put-overfull", "events/kel_evt_pool_queue.cpp",
+     "KEL_ASSERT(nFree < m_nTot);", "KEL_ASSERT(nFree <= m_nTot);"),
+    ("queue-post-no-ref", "events/kel_evt_pool_queue.cpp",
+     "    if (ev->poolId_ != 0) ++ev->refCtr_;\n    m_nFree.store(nFree - 1",
+     "    m_nFree.store(nFree - 1"),
+    ("queue-head-wrap", "events/kel_evt_pool_queue.cpp",
+     "if (head == 0) head = m_end;", "if (head == 0) head = m_end - 1;"),
+    ("queue-lifo-victim", "events/kel_evt_pool_queue.cpp",
+     "QEQueueCtr head = m_head.load(std::memory_order_relaxed) + 1;",
+     "QEQueueCtr head = m_head.load(std::memory_order_relaxed);"),
+    ("queue-get-ring-bound", "events/kel_evt_pool_queue.cpp",
+     "if (nFree <= m_end) {", "if (nFree < m_end) {"),
+    ("queue-post-margin", "events/kel_evt_pool_queue.cpp",
+     "if (nFree > margin) {\n            postLocked", "if (nFree >= margin) {\n            postLocked"),
+    ("queue-lifo-victim-kept", "events/kel_evt_pool_queue.cpp",
+     "if (victim->poolId_ != 0) Kel::gc(victim);", ""),
+    # events/kel_port.cpp
+    ("gc-frees-shared", "events/kel_port.cpp", "if (ev->refCtr_ > 1) {", "if (ev->refCtr_ > 2) {"),
+    ("newref-no-count", "events/kel_port.cpp",
+     "if (e->poolId_ != 0) ++const_cast<QEvt*>(e)->refCtr_;", ""),
+    ("newx-stale-ref", "events/kel_port.cpp", "        e->refCtr_ = 0;\n", ""),
+    # events/kel_timer.cpp, app_timer.cpp
+    ("timer-tie-first", "events/kel_timer.cpp",
+     "if (before(timer->time, tmp->time)) break;", "if (!before(tmp->time, timer->time)) break;"),
+    ("timer-restart-once", "events/kel_timer.cpp",
+     "if (proc->isRepeat() || proc->isReStart()) {", "if (proc->isRepeat()) {"),
+    ("timer-node-not-freed", "events/kel_timer.cpp",
+     "                proc->setRunning(false);\n                Kel::gc(timeout);",
+     "                proc->setRunning(false);"),
+    ("timer-cancel-keeps-node", "events/kel_timer.cpp",
+     "    removeFirstOf(proc);\n    // A firing", "    // A firing"),
+    ("atimer-restart-order", "events/app_timer.cpp",
+     "    _timer->removeOldTimer(dispTimer);\n    _timer->addTimer(dispTimer);",
+     "    _timer->addTimer(dispTimer);\n    _timer->removeOldTimer(dispTimer);"),
+    ("atimer-exec-stopped", "events/app_timer.cpp",
+     "if (isRunning() && mHandler != nullptr)", "if (mHandler != nullptr)"),
+    # events/kel_loop.cpp
+    ("loop-post-no-wake", "events/kel_loop.cpp",
+     "    bool ret = queue->post(e, 0);\n    // The loop's own thread looks at the queue again before it sleeps.\n"
+     "    if (!isLooping()) Kel::signal();\n",
+     "    bool ret = queue->post(e, 0);\n"),
+    ("loop-refused-cmd-kept", "events/kel_loop.cpp", "if (!ret) Kel::gc(e);", ""),
+    ("loop-state-fifo", "events/kel_loop.cpp", "        postLIFO(e);\n    }\n}", "        post(e);\n    }\n}"),
+    ("loop-timer-no-ref", "events/kel_loop.cpp",
+     "            Kel::newRef_(evt);  // the list keeps the node after this turn's gc\n", ""),
+    ("loop-recycle-skipped", "events/kel_loop.cpp",
+     "void KelLoop::recycleEvent(const QEvt* evt) { Kel::gc(evt); }",
+     "void KelLoop::recycleEvent(const QEvt* evt) { static_cast<void>(evt); }"),
+    # events/state_list.cpp, state_mache.cpp, kel_state.cpp
+    ("statelist-dedupe-last", "events/state_list.cpp",
+     "for (int i = 0; i < ref; ++i) {", "for (int i = 0; i < ref - 1; ++i) {"),
+    ("history-move-to-top", "events/state_mache.cpp",
+     "for (int j = i; j < mRef; ++j) mStList[j] = mStList[j + 1];",
+     "for (int j = i; j < mRef - 1; ++j) mStList[j] = mStList[j + 1];"),
+    ("machine-switch-no-history", "events/state_mache.cpp",
+     "        mSts->push(st);\n        mCurState = st;\n    } else {", "        mCurState = st;\n    } else {"),
+    ("machine-exit-retry", "events/state_mache.cpp",
+     "if (curExitState != 0) {\n                KEL_LOG", "if (curExitState == 0) {\n                KEL_LOG"),
+    ("machine-fallback-no-entry", "events/state_mache.cpp",
+     "    mStates[mInitState].state->entry(evt);\n    mCurState = mInitState;",
+     "    mCurState = mInitState;"),
+    ("machine-heldback-lost", "events/state_mache.cpp",
+     "    mIsInit = true;\n    mEvents->process();", "    mIsInit = true;"),
+    ("state-default-entry-refuses", "events/kel_state.cpp",
+     "\"Default:KelState::entry\");\n    return 0;", "\"Default:KelState::entry\");\n    return 1;"),
+    # events/kel_set.cpp
+    ("set-bit-shift", "events/kel_set.cpp", "uint32_t{1} << (n - 1)", "uint32_t{1} << (n & 31)"),
+    ("set-remove-toggles", "events/kel_set.cpp", "m_bits & ~bitOf(n)", "m_bits ^ bitOf(n)"),
+    # events/kel_dispatch.cpp
+    ("work-no-start", "events/kel_dispatch.cpp", "if (wasEmpty) DaemonThread::start();", ""),
+    ("work-tail-stale", "events/kel_dispatch.cpp", "if (head == nullptr) tail = &head;", ""),
+    ("work-unref-leak", "events/kel_dispatch.cpp", "return --mRefs <= 0;", "return --mRefs < 0;"),
+    ("rendezvous-one-way", "events/kel_dispatch.cpp", "            *other->value = value;\n", ""),
+    # events/daemon_thread.cpp
+    ("pool-free-bound", "events/daemon_thread.cpp",
+     "if (th->mFree || th->mParent.load(std::memory_order_relaxed) != nullptr) return;",
+     "if (th->mFree) return;"),
+    ("pool-keeps-binding", "events/daemon_thread.cpp",
+     "            if (dPtr != nullptr) dPtr->setParent(nullptr);\n            dPtr = nullptr;\n        }\n"
+     "        mChildRunning",
+     "            dPtr = nullptr;\n        }\n        mChildRunning"),
+    ("pool-no-recreate", "events/daemon_thread.cpp",
+     "        thread->checkThread();\n    }\n    thread->start();", "    }\n    thread->start();"),
+    # events/kel_thread.cpp, kel_mutex.cpp, kel_atomic.h, common_log.cpp
+    ("thread-join-detached", "events/kel_thread.cpp",
+     "        mJoin = true;\n        pthread_mutex_unlock(&mMutex);",
+     "        pthread_mutex_unlock(&mMutex);"),
+    ("mutex-no-unlock", "events/kel_mutex.cpp",
+     "void KelMutex::unlock() { pthread_mutex_unlock(&mMutex); }", "void KelMutex::unlock() {}"),
+    ("atomic-dec-old-value", "events/kel_atomic.h",
+     "T dec() { return __atomic_sub_fetch(&value, 1, __ATOMIC_SEQ_CST); }",
+     "T dec() { return __atomic_fetch_sub(&value, 1, __ATOMIC_SEQ_CST); }"),
+    ("assert-text-path", "events/common_log.cpp", "basename(path), line", "file, line"),
+    # events/dispatch_process.cpp
+    ("dq-timer-tie-first", "events/dispatch_process.cpp",
+     "while (p != nullptr && p->tiggerTime <= item->tiggerTime) {",
+     "while (p != nullptr && p->tiggerTime < item->tiggerTime) {"),
+    ("dq-cancel-no-recycle", "events/dispatch_process.cpp",
+     "            if (p->asynchronous) {\n                recycle(p);\n", "            if (p->asynchronous) {\n"),
+    ("dq-autofree-leak", "events/dispatch_process.cpp", "if (item->delobject) delete item->fn_data;", ""),
+    ("dq-merge-any-data", "events/dispatch_process.cpp",
+     "if (p->mergeable && p->fn == fn && p->fn_data == fn_data) return;",
+     "if (p->mergeable && p->fn == fn) return;"),
+    ("dq-cache-count", "events/dispatch_process.cpp",
+     "cache.count.store(cache.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);",
+     "cache.count.store(cache.count.load(std::memory_order_relaxed), std::memory_order_relaxed);"),
+    ("dq-loop-recycle-skipped", "events/dispatch_process.cpp",
+     "            pthread_mutex_lock(&d->lock);\n            d->recycle(item);\n",
+     "            pthread_mutex_lock(&d->lock);\n"),
+]
+
+
+def sh(cmd, cwd, log=None, timeout=None):
+    with open(log, "a") if log else open(os.devnull, "w") as out:
+        return subprocess.run(cmd, cwd=cwd, stdout=out, stderr=subprocess.STDOUT, timeout=timeout).returncode
+
+
+def copy_tree(scratch):
+    src = os.path.join(scratch, "src")
+    files = subprocess.run(["git", "ls-files", "-z"], cwd=ROOT, check=True,
+                           stdout=subprocess.PIPE).stdout.decode().split("\0")
+    for f in filter(None, files):
+        s, d = os.path.join(ROOT, f), os.path.join(src, f)
+        if not os.path.isfile(s):
+            continue
+        os.makedirs(os.path.dirname(d), exist_ok=True)
+        # Unchanged files keep their time stamps, so the build stays incremental.
+        if not os.path.exists(d) or open(s, "rb").read() != open(d, "rb").read():
+            shutil.copy2(s, d)
+    return src
+
+
+def first_failure(build):
+    log = os.path.join(build, "Testing", "Temporary", "LastTestsFailed.log")
+    try:
+        lines = [l.strip().split(":", 1)[-1] for l in open(log) if l.strip()]
+        return lines[0] if lines else "?"
+    except OSError:
+        return "?"
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--only", help="comma-separated mutant names")
+    ap.add_argument("-j", type=int, default=2, help="ctest parallelism")
+    ap.add_argument("--timeout", type=int, default=60, help="per-test limit in seconds")
+    ap.add_argument("--scratch", default="/tmp/kel-mutants-%d" % os.getuid())
+    ap.add_argument("--list", action="store_true", help="print the mutants and exit")
+    args = ap.parse_args()
+
+    mutants = MUTANTS
+    if args.only:
+        want = set(args.only.split(","))
+        unknown = want - {m[0] for m in MUTANTS}
+        if unknown:
+            sys.exit("unknown mutant: " + ", ".join(sorted(unknown)))
+        mutants = [m for m in MUTANTS if m[0] in want]
+    if args.list:
+        for name, path, _, _ in mutants:
+            print("%-28s %s" % (name, path))
+        return 0
+
+    os.makedirs(args.scratch, exist_ok=True)
+    src = copy_tree(args.scratch)
+    build = os.path.join(args.scratch, "build")
+    log = os.path.join(args.scratch, "mutate.log")
+    open(log, "w").close()
+    jobs = str(args.j)
+    build_cmd = ["cmake", "--build", build, "-j", jobs]
+    ctest = ["ctest", "-LE", "soak", "-j", jobs, "--timeout", str(args.timeout), "--stop-on-failure", "-Q"]
+
+    print("scratch tree %s, log %s" % (src, log), flush=True)
+    if sh(["cmake", "-S", src, "-B", build, "-DCMAKE_BUILD_TYPE=Release", "-DKEL_BUILD_BENCH=OFF",
+           "-DKEL_BUILD_EXAMPLES=OFF"], src, log) != 0 or sh(build_cmd, src, log) != 0:
+        sys.exit("the unmutated tree does not build; see " + log)
+    if sh(ctest, build, log) != 0:
+        sys.exit("the unmutated suite fails (%s); see %s" % (first_failure(build), log))
+
+    results = []
+    for name, path, orig, repl in mutants:
+        target = os.path.join(src, path)
+        text = open(target).read()
+        n = text.count(orig)
+        start = time.time()
+        if n != 1:
+            results.append((name, path, "not-found" if n == 0 else "ambiguous", "", 0))
+            print("%-28s %s" % (name, results[-1][2]), flush=True)
+            continue
+        try:
+            with open(target, "w") as f:
+                f.write(text.replace(orig, repl))
+            with open(log, "a") as f:
+                f.write("\n===== mutant %s (%s)\n" % (name, path))
+            if sh(build_cmd, src, log) != 0:
+                status, by = "build-failed", ""
+            elif sh(ctest, build, log) != 0:
+                status, by = "killed", first_failure(build)
+            else:
+                status, by = "survived", ""
+        finally:
+            with open(target, "w") as f:
+                f.write(text)
+        results.append((name, path, status, by, time.time() - start))
+        print("%-28s %-12s %s" % (name, status, by), flush=True)
+    # Leave the scratch build matching the restored sources.
+    sh(build_cmd, src, log)
+
+    print()
+    print("%-28s %-30s %-12s %s" % ("mutant", "file", "result", "killing test"))
+    for name, path, status, by, secs in results:
+        print("%-28s %-30s %-12s %s" % (name, path, status, by))
+    counted = [r for r in results if r[2] in ("killed", "survived")]
+    killed = sum(1 for r in counted if r[2] == "killed")
+    print()
+    print("killed %d of %d (%s); not counted: %d" % (
+        killed, len(counted), "%.0f%%" % (100.0 * killed / len(counted)) if counted else "-",
+        len(results) - len(counted)))
+    for r in results:
+        if r[2] == "survived":
+            print("survivor: %s (%s)" % (r[0], r[1]))
+    return 0 if killed == len(counted) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
