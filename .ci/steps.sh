@@ -11,6 +11,7 @@
 #   static    clang-tidy and cppcheck on events/ util/ log/
 #   fuzz      each libFuzzer target for KEL_FUZZ_SECONDS (default 60) from its seeds
 #   format-check  every tracked C++ file matches .clang-format
+#   share     tests (tests/ + fuzz/) are at most 35 % of all C++ lines
 #
 # Usage: .ci/steps.sh deps | all | format | STEP...
 #   deps    installs the Debian packages of missing tools (as root)
@@ -149,6 +150,10 @@ step_static() {
     return $rc
 }
 
+step_share() {
+    python3 tools/test_share.py --max 35
+}
+
 step_fuzz() {
     bash fuzz/run.sh "${KEL_FUZZ_SECONDS:-60}"
 }
@@ -175,7 +180,7 @@ do_format() {
 
 # ------------------------------------------------------------------ driver
 
-ALL_STEPS=(test consumer asan tsan arm valgrind static fuzz format-check)
+ALL_STEPS=(test consumer asan tsan arm valgrind static fuzz format-check share)
 # Steps whose failure shows as WARN and does not fail the run (none today).
 ADVISORY_STEPS=()
 declare -a S_NAME S_RESULT S_TIME
@@ -240,14 +245,14 @@ summary() {
 }
 
 main() {
-    [ $# -gt 0 ] || { sed -n '2,22p' "$0"; exit 2; }
+    [ $# -gt 0 ] || { sed -n '2,23p' "$0"; exit 2; }
     local failed=0 s steps=()
     for s in "$@"; do
         case $s in
             deps) deps || exit 1 ;;
             format) do_format || exit 1 ;;
             all) deps || exit 1; steps+=("${ALL_STEPS[@]}") ;;
-            test | consumer | asan | tsan | arm | valgrind | static | fuzz | format-check) steps+=("$s") ;;
+            test | consumer | asan | tsan | arm | valgrind | static | fuzz | format-check | share) steps+=("$s") ;;
             *) echo "unknown step: $s"; exit 2 ;;
         esac
     done
