@@ -245,7 +245,7 @@ summary() {
 }
 
 main() {
-    [ $# -gt 0 ] || { sed -n '2,22p' "$0"; exit 2; }
+    [ $# -gt 0 ] || { sed -n '2,21p' "$0"; exit 2; }
     local failed=0 s steps=()
     for s in "$@"; do
         case $s in
