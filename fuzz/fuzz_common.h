@@ -39,8 +39,12 @@ public:
     Input(const uint8_t* data, size_t size) : mData(data), mSize(size), mPos(0) {}
     bool more() const { return mPos < mSize; }
     uint8_t byte() { return mPos < mSize ? mData[mPos++] : 0; }
+    // Little-endian: the bytes are read one statement after the other, as
+    // the operands of one expression have no fixed order of evaluation.
     uint32_t word() {
-        return byte() | (byte() << 8) | (byte() << 16) | (static_cast<uint32_t>(byte()) << 24);
+        uint32_t w = 0;
+        for (int i = 0; i < 4; ++i) w |= static_cast<uint32_t>(byte()) << (8 * i);
+        return w;
     }
 
 private:

@@ -34,9 +34,11 @@ struct Target : public Object {
     void b() { gRan.push_back(id * 2 + 1); }
 };
 
-// Freed by the queue after its call.
+// Freed by the queue after its call; counted while alive.
+int gOwnedAlive = 0;
 struct Owned : public Object {
-    explicit Owned(int tag) : tag(tag) {}
+    explicit Owned(int tag) : tag(tag) { ++gOwnedAlive; }
+    ~Owned() override { --gOwnedAlive; }
     void a() { gRan.push_back(tag); }
     int tag;
 };
@@ -189,6 +191,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             anyDue = anyDue || (tm[i].pending && tm[i].due);
         }
         FUZZ_CHECK(nodesUsed(q) == static_cast<int>(pending.size()) + timersPending);
+        FUZZ_CHECK(gOwnedAlive == static_cast<int>(owned.size()));
         int64_t wait = q.getNeedWait();
         if (timersPending == 0)
             FUZZ_CHECK(wait == INT64_MAX);

@@ -34,6 +34,17 @@ struct Model {
 
     unsigned queueFree() const { return kRing + 1 - static_cast<unsigned>(queue.size()); }
 
+    // A LIFO post of `e`; a full queue drops its newest entry.
+    void lifo(const QEvt* e) {
+        bool full = queueFree() == 0;
+        queue.push_front(e);
+        if (!full) return;
+        const QEvt* victim = queue.back();
+        queue.pop_back();
+        if (refs.count(victim)) release(victim);
+    }
+    void forget(QEvt* e) { holds.erase(std::find(holds.begin(), holds.end(), e)); }
+
     void release(const QEvt* e) {
         int& r = refs[e];
         if (r > 1) {
@@ -118,23 +129,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 }
                 m.refs[held]++;
                 m.queue.push_back(held);
-                if (fresh) m.holds.erase(std::find(m.holds.begin(), m.holds.end(), held));
+                if (fresh) m.forget(held);
                 break;
             }
-            case 2: {  // post ahead of everything; a full queue drops its newest
+            case 2:  // post ahead of everything
                 if (held == nullptr || m.refs[held] > 200) break;
-                bool full = m.queueFree() == 0;
                 q.postLIFO(held);
                 m.refs[held]++;
-                m.queue.push_front(held);
-                if (fresh) m.holds.erase(std::find(m.holds.begin(), m.holds.end(), held));
-                if (full) {
-                    const QEvt* victim = m.queue.back();
-                    m.queue.pop_back();
-                    if (m.refs.count(victim)) m.release(victim);
-                }
+                m.lifo(held);
+                if (fresh) m.forget(held);
                 break;
-            }
             case 3: {  // take the front event
                 const QEvt* e = q.get();
                 if (m.queue.empty()) {
@@ -155,7 +159,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             }
             case 5: {  // release one reference
                 if (held == nullptr) break;
-                m.holds.erase(std::find(m.holds.begin(), m.holds.end(), held));
+                m.forget(held);
                 m.release(held);
                 Kel::gc(held);
                 break;
@@ -163,14 +167,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 6: {  // a record from no pool keeps its count
                 QEvt* e = &gStatic[arg & 1];
                 if (arg & 2) {
-                    bool full = m.queueFree() == 0;
                     q.postLIFO(e);
-                    m.queue.push_front(e);
-                    if (full) {
-                        const QEvt* victim = m.queue.back();
-                        m.queue.pop_back();
-                        if (m.refs.count(victim)) m.release(victim);
-                    }
+                    m.lifo(e);
                 } else {
                     bool want = m.queueFree() > 0;
                     FUZZ_CHECK(q.post(e, 0) == want);

@@ -1,54 +1,30 @@
-#include <dlfcn.h>
-#include <errno.h>
+// The thread pool behind DaemonThread: reuse in order, one pass per start,
+// names, failures to make a thread or to allocate, and many starters.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <functional>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include "daemon_thread.h"
+#include "kel_dispatch.h"
+#include "support/fault_hooks.h"
 #include "support/log_capture.h"
-#include "support/thread_probe.h"
-
-using probe::poolIdle;
-
-// Thread creation and allocation fail on demand.
-namespace {
-std::atomic<int> gFailCreates{0};
-thread_local int tFailAllocIn = 0;  // the n-th allocation from now on fails
-}  // namespace
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
-                              void* arg) noexcept {
-    typedef int (*CreateFn)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-    static CreateFn real = reinterpret_cast<CreateFn>(dlsym(RTLD_NEXT, "pthread_create"));
-    int n = gFailCreates.load();
-    while (n > 0) {
-        if (gFailCreates.compare_exchange_weak(n, n - 1)) return EAGAIN;
-    }
-    return real(thread, attr, body, arg);
-}
-
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void* operator new(std::size_t size) {
-    if (tFailAllocIn > 0 && --tFailAllocIn == 0) throw std::bad_alloc();
-    void* p = malloc(size != 0 ? size : 1);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-void operator delete(void* p) noexcept { free(p); }
-void operator delete(void* p, std::size_t) noexcept { free(p); }
-#pragma GCC diagnostic pop
+#include "support/loop_harness.h"
 
 namespace {
+
+bool poolIdle() { return kel_pool_counts().used == 0; }
 
 class Task : public DaemonThread {
 public:
@@ -58,18 +34,18 @@ public:
     std::string runName;
 
     void run() override {
-        runTid = probe::tid();
-        runName = probe::threadName();
+        runTid = currentTid();
+        runName = threadName();
         if (onRun) onRun(*this);
         runs.fetch_add(1);
     }
     void threadExit() override {
-        exitTid = probe::tid();
+        exitTid = currentTid();
         if (onExit) onExit(*this);
         exits.fetch_add(1);
     }
     bool waitExits(int n) {
-        return probe::waitFor([&] { return exits.load() == n; });
+        return waitUntil([&] { return exits.load() == n; });
     }
     using DaemonThread::setName;
 };
@@ -92,15 +68,17 @@ std::pair<int, int> profiled(const LogCapture& cap) {
     return {used, freeCount};
 }
 
-int baseline() { return baselineThreadCount() - kel_pool_counts().alive; }
-
 // Every record is in exactly one list, every idle one has its thread, and
 // no other thread is left.
-void expectQuiescentPool(int base) {
-    ASSERT_TRUE(probe::waitFor(poolIdle));
+void expectQuiescentPool() {
+    ASSERT_TRUE(waitUntil(poolIdle));
     KelPoolCounts c = kel_pool_counts();
     EXPECT_EQ(c.free, c.alive);
-    EXPECT_TRUE(threadCountSettlesAt(base + c.alive)) << threadCount();
+    EXPECT_TRUE(waitUntil([&] {
+        int pooled = 0;
+        for (const std::string& n : threadNames()) pooled += n.rfind("kel-pool-", 0) == 0 ? 1 : 0;
+        return pooled == c.alive && strayThreads().empty();
+    })) << ::testing::PrintToString(threadNames());
 }
 
 }  // namespace
@@ -109,29 +87,28 @@ void expectQuiescentPool(int base) {
 // lasts one pass; setName from another thread or with null does nothing.
 TEST(DaemonThread, FreedThreadsAreReusedInOrderAndForgetTheirName) {
     LogCapture& cap = keptLogCapture();
-    int base = baseline();
-    std::string mine = probe::threadName();
-    probe::Gate gateA, gateB;
+    std::string mine = threadName();
+    Gate gateA, gateB;
     Task a, b, c, d;
     std::string nameInRun;
     a.setName("from-main");
-    EXPECT_EQ(probe::threadName(), mine);
+    EXPECT_EQ(threadName(), mine);
     a.onRun = [&](Task& self) {
         self.setName(nullptr);
         self.setName("fetcher");
-        nameInRun = probe::threadName();
+        nameInRun = threadName();
         gateA.wait();
     };
     b.onRun = [&](Task&) { gateB.wait(); };
     ASSERT_TRUE(a.start());
     ASSERT_TRUE(b.start());
-    ASSERT_TRUE(probe::waitFor([&] { return a.isRunning() && b.isRunning(); }));
+    ASSERT_TRUE(waitUntil([&] { return a.isRunning() && b.isRunning(); }));
     EXPECT_NE(a.runTid.load(), b.runTid.load());
     EXPECT_EQ(profiled(cap), std::make_pair(2, 0));
     gateB.open();
-    ASSERT_TRUE(probe::waitFor([] { return kel_pool_counts().free == 1; }));
+    ASSERT_TRUE(waitUntil([] { return kel_pool_counts().free == 1; }));
     gateA.open();
-    ASSERT_TRUE(probe::waitFor(poolIdle));
+    ASSERT_TRUE(waitUntil(poolIdle));
     EXPECT_EQ(profiled(cap), std::make_pair(0, 2));
     EXPECT_EQ(nameInRun, "fetcher");
     ASSERT_TRUE(c.start());
@@ -142,7 +119,7 @@ TEST(DaemonThread, FreedThreadsAreReusedInOrderAndForgetTheirName) {
     EXPECT_EQ(d.runTid.load(), a.runTid.load());
     EXPECT_EQ(d.runName.rfind("kel-pool-", 0), 0u) << d.runName;
     EXPECT_EQ(kel_pool_counts().alive, 2);
-    expectQuiescentPool(base);
+    expectQuiescentPool();
 }
 
 // run() then threadExit() on one named thread, process signals blocked, no
@@ -151,7 +128,6 @@ TEST(DaemonThread, FreedThreadsAreReusedInOrderAndForgetTheirName) {
 // second pass on another thread.
 TEST(DaemonThread, PassRunsThenThreadExitAndOnlyAStartInThreadExitRunsAgain) {
     LogCapture& cap = keptLogCapture();
-    int base = baseline();
     Task t;
     EXPECT_STREQ(t.runningStep(), "init");
     std::atomic<bool> runningInRun{false}, runningInExit{true};
@@ -169,13 +145,13 @@ TEST(DaemonThread, PassRunsThenThreadExitAndOnlyAStartInThreadExitRunsAgain) {
     t.onExit = [&](Task& self) {
         if (firstTid.load() != 0) return;
         runningInExit = self.isRunning();
-        firstTid = probe::tid();
+        firstTid = currentTid();
         EXPECT_EQ(self.runTid.load(), firstTid.load());
         EXPECT_TRUE(self.start());
     };
     ASSERT_TRUE(t.start());
     ASSERT_TRUE(t.waitExits(2));
-    ASSERT_TRUE(probe::waitFor(poolIdle));
+    ASSERT_TRUE(waitUntil(poolIdle));
     usleep(50 * 1000);  // a leftover request would wake a thread by now
     EXPECT_EQ(t.runs.load(), 2);
     EXPECT_NE(t.runTid.load(), firstTid.load());
@@ -189,7 +165,7 @@ TEST(DaemonThread, PassRunsThenThreadExitAndOnlyAStartInThreadExitRunsAgain) {
     }
     EXPECT_EQ(sigismember(&mask, SIGSEGV), 0);
     EXPECT_EQ(kel_pool_counts().alive, 2);
-    expectQuiescentPool(base);
+    expectQuiescentPool();
 }
 
 namespace {
@@ -202,7 +178,7 @@ std::atomic<long> gHoldTid{0};
 
 void holdingLogger(const char*, int, const char*, int, int, int, const char* fmt, ...) {
     if (strcmp(fmt, "Wait end") != 0) return;
-    long me = probe::tid(), want = gHoldTid.load();
+    long me = currentTid(), want = gHoldTid.load();
     if (want != 0 && want != me) return;
     int left = gHoldsLeft.load();
     while (left > 0) {
@@ -216,103 +192,97 @@ void holdingLogger(const char*, int, const char*, int, int, int, const char* fmt
 }
 
 void runTogether(Task& x, Task& y) {
-    probe::Gate gate;
+    Gate gate;
     x.onRun = y.onRun = [&](Task&) { gate.wait(); };
     int ex = x.exits.load(), ey = y.exits.load();
     ASSERT_TRUE(x.start());
     ASSERT_TRUE(y.start());
-    ASSERT_TRUE(probe::waitFor([&] { return x.isRunning() && y.isRunning(); }));
+    ASSERT_TRUE(waitUntil([&] { return x.isRunning() && y.isRunning(); }));
     EXPECT_NE(x.runTid.load(), y.runTid.load());
     gate.open();
-    ASSERT_TRUE(probe::waitFor([&] { return x.exits.load() > ex && y.exits.load() > ey; }));
-    ASSERT_TRUE(probe::waitFor(poolIdle));
+    ASSERT_TRUE(waitUntil([&] { return x.exits.load() > ex && y.exits.load() > ey; }));
+    ASSERT_TRUE(waitUntil(poolIdle));
 }
 
 }  // namespace
 
 TEST(DaemonThread, PassWithoutATaskNeverListsAThreadTwice) {
     __logprintf = holdingLogger;  // before any pooled thread, never restored
-    int base = baselineThreadCount();
     Task x, y;
     runTogether(x, y);  // two free threads, P (front) and Q
     gHoldsLeft = 2;
     Task* doomed = new Task;
     ASSERT_TRUE(doomed->start());  // hands out P
-    ASSERT_TRUE(probe::waitFor([] { return gHeld.load() == 1; }));
+    ASSERT_TRUE(waitUntil([] { return gHeld.load() == 1; }));
     EXPECT_TRUE(doomed->start());  // pending request, then unbound
     delete doomed;
     gReleased = 1;
     // P finds no task and is freed behind Q; the pending request wakes it
     // again, and it is held while already free.
-    ASSERT_TRUE(probe::waitFor([] { return gHeld.load() == 2; }));
+    ASSERT_TRUE(waitUntil([] { return gHeld.load() == 2; }));
     Task z;
     ASSERT_TRUE(z.start());  // takes Q, which then goes behind P
     ASSERT_TRUE(z.waitExits(1));
-    ASSERT_TRUE(probe::waitFor(poolIdle));
+    ASSERT_TRUE(waitUntil(poolIdle));
     gReleased = 2;  // P's second pass without a task, while free
     usleep(50 * 1000);
     KelPoolCounts c = kel_pool_counts();
     EXPECT_EQ(c.free, 2);
     EXPECT_EQ(c.alive, 2);
     runTogether(x, y);  // a record listed twice would go to both
-    expectQuiescentPool(base);
+    expectQuiescentPool();
 }
 
-TEST(DaemonThread, FailedThreadCreationIsLoggedAndThePoolStaysUsable) {
+// A failed pthread_create is logged; start() retries once, then reports
+// false, and the threadless record is never handed out again; work queued
+// meanwhile waits. A failed allocation in start() releases the pool lock.
+TEST(DaemonThread, FailuresToMakeAThreadOrAllocateLeaveThePoolUsable) {
     LogCapture& cap = keptLogCapture();
-    int base = baseline();
+    Task t;
+    for (int nth : {1, 2}) {  // the list entry, then the record
+        hooks::failAllocIn = nth;
+        EXPECT_THROW(t.start(), std::bad_alloc) << nth;
+        hooks::failAllocIn = 0;
+        KelPoolCounts c = kel_pool_counts();  // hangs on a held lock
+        EXPECT_EQ(c.used + c.free, 0) << nth;
+    }
     const std::string line = "pthread_create failed, " + std::to_string(EAGAIN) + ", " + strerror(EAGAIN);
-    gFailCreates = 1;  // the second attempt in start() succeeds
-    Task once;
-    EXPECT_TRUE(once.start());
-    ASSERT_TRUE(once.waitExits(1));
+    hooks::failCreates = 1;  // the second attempt in start() succeeds
+    EXPECT_TRUE(t.start());
+    ASSERT_TRUE(t.waitExits(1));
     EXPECT_EQ(cap.count(line, LOG_WARN), 1);
-
-    probe::Gate gate;
+    Gate gate;
     Task hold;
     hold.onRun = [&](Task&) { gate.wait(); };
     ASSERT_TRUE(hold.start());  // occupies the only free thread
-    gFailCreates = 2;
+    std::atomic<int> ran{0};
+    auto count = [](void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1); };
+    DispathQueue* stuck = kel_dispatch_queue_create();
+    hooks::failCreates = 4;
     {
-        Task stuck;  // false, logged twice, then stays refused silently
-        EXPECT_FALSE(stuck.start());
-        EXPECT_FALSE(stuck.start());
-        EXPECT_EQ(cap.count(line, LOG_WARN), 3);
-        EXPECT_EQ(stuck.runs.load(), 0);
+        Task refused;
+        EXPECT_FALSE(refused.start());
+        kel_dispatch_async_t(stuck, count, &ran);  // fails twice as well
+        EXPECT_EQ(cap.count(line, LOG_WARN), 5);
+        EXPECT_EQ(refused.runs.load(), 0);
     }
+#ifdef __SANITIZE_ADDRESS__
+    __lsan_ignore_object(stuck);  // a queue left without a thread is never freed
+#endif
+    kel_dispatch_queue_destory(stuck);
     Task after;
     EXPECT_TRUE(after.start());
     ASSERT_TRUE(after.waitExits(1));
     gate.open();
     ASSERT_TRUE(hold.waitExits(1));
-    // The threadless record stays in the used list, never handed out.
-    ASSERT_TRUE(probe::waitFor([] { return kel_pool_counts().used == 1; }));
-    KelPoolCounts c = kel_pool_counts();
-    EXPECT_EQ(c.free, 2);
-    EXPECT_EQ(c.alive, 2);
-    EXPECT_TRUE(threadCountSettlesAt(base + 2)) << threadCount();
-}
-
-TEST(DaemonThread, AllocationFailureInStartReleasesThePoolLock) {
-    int base = baseline();
-    Task t;
-    for (int nth : {1, 2}) {  // the list entry, then the record
-        tFailAllocIn = nth;
-        EXPECT_THROW(t.start(), std::bad_alloc) << nth;
-        tFailAllocIn = 0;
-        KelPoolCounts c = kel_pool_counts();  // hangs on a held lock
-        EXPECT_EQ(c.used + c.free, 0) << nth;
-        EXPECT_TRUE(threadCountSettlesAt(base)) << nth;
-    }
-    ASSERT_TRUE(t.start());
-    ASSERT_TRUE(t.waitExits(1));
-    EXPECT_EQ(t.runs.load(), 1);
-    expectQuiescentPool(base);
+    // The threadless records stay in the used list, never handed out.
+    ASSERT_TRUE(waitUntil([] { return kel_pool_counts().used == 2; }));
+    EXPECT_EQ(kel_pool_counts().alive, 2);
+    EXPECT_EQ(ran.load(), 0) << "the work of the queue without a thread ran";
 }
 
 // Every start of an idle task makes exactly one pass, from many threads.
 TEST(DaemonThread, TasksStartedFromManyThreadsKeepThePoolConsistent) {
-    int base = baseline();
     constexpr int kThreads = 4, kRounds = 200;
     std::vector<std::thread> starters;
     std::atomic<int> total{0};
@@ -330,5 +300,5 @@ TEST(DaemonThread, TasksStartedFromManyThreadsKeepThePoolConsistent) {
     for (auto& s : starters) s.join();
     EXPECT_EQ(total.load(), kThreads * kRounds);
     EXPECT_LE(kel_pool_counts().alive, 2 * kThreads);
-    expectQuiescentPool(base);
+    expectQuiescentPool();
 }

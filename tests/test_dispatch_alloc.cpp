@@ -1,50 +1,22 @@
-// Heap accounting for the dispatch queues. This binary replaces the global
-// allocation functions to count calls and to fail one on demand.
+// Heap accounting for the dispatch queues: no allocation in steady state,
+// nodes kept and handed on, and failures of the store's allocation.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <new>
 #include <thread>
 #include <vector>
 
 #include "dispatch_process.h"
+#include "support/fault_hooks.h"
 #include "support/log_capture.h"
-#include "support/node_counts.h"
+#include "support/loop_harness.h"
 
-namespace {
-std::atomic<long> gAllocs{0};
-std::atomic<bool> gFailNext{false};
-
-void* countedAlloc(size_t n, size_t align = alignof(max_align_t)) {
-    void* p = nullptr;
-    if (gFailNext.exchange(false)) return nullptr;
-    ++gAllocs;
-    return posix_memalign(&p, std::max(align, sizeof(void*)), n ? n : 1) == 0 ? p : nullptr;
-}
-
-void* allocOrThrow(size_t n, size_t align = alignof(max_align_t)) {
-    if (void* p = countedAlloc(n, align)) return p;
-    throw std::bad_alloc();
-}
-}  // namespace
-
-void* operator new(size_t n) { return allocOrThrow(n); }
-void* operator new[](size_t n) { return allocOrThrow(n); }
-void* operator new(size_t n, std::align_val_t a) { return allocOrThrow(n, static_cast<size_t>(a)); }
-void* operator new[](size_t n, std::align_val_t a) { return allocOrThrow(n, static_cast<size_t>(a)); }
-void* operator new(size_t n, const std::nothrow_t&) noexcept { return countedAlloc(n); }
-void* operator new[](size_t n, const std::nothrow_t&) noexcept { return countedAlloc(n); }
-void operator delete(void* p) noexcept { free(p); }
-void operator delete[](void* p) noexcept { free(p); }
-void operator delete(void* p, size_t) noexcept { free(p); }
-void operator delete[](void* p, size_t) noexcept { free(p); }
-void operator delete(void* p, std::align_val_t) noexcept { free(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { free(p); }
-void operator delete(void* p, size_t, std::align_val_t) noexcept { free(p); }
-void operator delete[](void* p, size_t, std::align_val_t) noexcept { free(p); }
+#define gAllocs hooks::allocs
 
 using dispatch::FUNC;
 using dispatch::Loop;
@@ -85,6 +57,7 @@ void burst(Queue& q, CountingLoop& loop, Timer& timer, Counter& c, Counter& n) {
 }  // namespace
 
 TEST(DispatchAlloc, SteadyStateTouchesNoHeap) {
+    hooks::counting = true;
     Queue q;
     CountingLoop loop;
     loop.setQueue(&q);
@@ -107,29 +80,69 @@ TEST(DispatchAlloc, SteadyStateTouchesNoHeap) {
     EXPECT_EQ(dispatchNodesUsed(q), 0);
 }
 
-TEST(DispatchAlloc, HeapFailureInRestartLeavesTheQueueUsable) {
+// Every way of queuing that must grow the node store, failing in the
+// store's allocation: bad_alloc reaches the caller, the queue's mutex is
+// free, the counters and pending work are unchanged, the target of a failed
+// enqueueAutofree is still the caller's, and the next call succeeds.
+TEST(DispatchAlloc, HeapFailureWhileQueuingLeavesTheQueueUsable) {
+    struct Tracker : public Object {
+        explicit Tracker(std::vector<int>* l, int t, bool* d = nullptr) : log(l), tag(t), deleted(d) {}
+        ~Tracker() override {
+            if (deleted) *deleted = true;
+        }
+        void call() { log->push_back(tag); }
+        std::vector<int>* log;
+        int tag;
+        bool* deleted;
+    };
+    struct EvtLoop : public Loop {
+        void procSubMsg(const Evt& e) override { log.push_back(e.sig); }
+        std::vector<int> log;
+    };
     Queue q;
-    Counter c;
+    EvtLoop loop;
+    loop.setQueue(&q);
+    std::vector<int> log;
+    bool deleted = false;
+    Tracker a(&log, 1), b(&log, 2), *owned = new Tracker(&log, 3, &deleted), t(&log, 4);
     Timer timer(&q);
-    timer.setHandler(FUNC(&Counter::hit), &c);
-    int made = 0;
-    ASSERT_EQ(dispatchNodesUsed(q, &made), 0);
-    ASSERT_EQ(made, 0) << "a fresh pool must allocate";
-    gFailNext = true;
-    EXPECT_THROW(timer.restart(0), std::bad_alloc);
-    EXPECT_FALSE(timer.isRunning()) << "a restart that failed leaves the timer stopped";
-    EXPECT_EQ(dispatchNodesUsed(q, &made), 0);
-    EXPECT_EQ(made, 0);
-    // The queue's mutex was released: these would block otherwise.
-    EXPECT_EQ(q.getNeedWait(), INT64_MAX);
-    timer.restart(0);
-    while (c.calls == 0) q.queueProcess(0);
+    timer.setHandler(FUNC(&Tracker::call), &t);
+    Loop::Evt ev(7);
+    std::vector<std::function<void()>> ways = {
+        [&] { q.enqueue(FUNC(&Tracker::call), &a); },
+        [&] { q.enqueueNotify(FUNC(&Tracker::call), &b); },
+        [&] { q.enqueueAutofree(FUNC(&Tracker::call), owned); },
+        [&] { loop.post(ev); },
+        [&] { timer.restart(0); },
+    };
+    for (size_t i = 0; i < ways.size(); ++i) {
+        int made = 0;
+        int used = dispatchNodesUsed(q, &made);
+        ASSERT_EQ(used, made) << i << ": the store must be empty so that the call grows it";
+        hooks::failAllocIn = 1;
+        EXPECT_THROW(ways[i](), std::bad_alloc) << i;
+        hooks::failAllocIn = 0;
+        EXPECT_EQ(dispatchNodesUsed(q), used) << i;
+        EXPECT_FALSE(timer.isRunning()) << i;
+        ways[i]();  // the retry; the queue's mutex was free
+        EXPECT_EQ(dispatchNodesUsed(q), used + 1) << i;
+    }
+    EXPECT_FALSE(deleted) << "a failed enqueueAutofree leaves the target with its caller";
+    std::thread th([&] { loop.exec(); });
+    loop.exit();
+    th.join();
+    timer.stop();
+    log.erase(std::remove(log.begin(), log.end(), 4), log.end());  // the timer may be due yet
+    EXPECT_EQ(log, (std::vector<int>{1, 2, 3}));
+    EXPECT_TRUE(deleted);
+    EXPECT_EQ(loop.log, std::vector<int>{7});
     EXPECT_EQ(dispatchNodesUsed(q), 0);
 }
 
 // A queue keeps the nodes of its peak for itself while it lives; they are
 // not counted as used, and the next queue gets them once it is gone.
 TEST(DispatchAlloc, QueuesKeepTheirPeakAndHandItOnWhenTheyGo) {
+    hooks::counting = true;
     Counter c;
     int made = 0;
     {

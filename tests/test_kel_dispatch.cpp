@@ -1,4 +1,6 @@
+// Work queues on pooled threads and the rendezvous.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -6,10 +8,13 @@
 #include <thread>
 #include <vector>
 
+#include "daemon_thread.h"
 #include "kel_dispatch.h"
-#include "support/thread_probe.h"
+#include "support/loop_harness.h"
 
-using probe::poolIdle;
+namespace {
+bool poolIdle() { return kel_pool_counts().used == 0; }
+}  // namespace
 
 namespace {
 
@@ -44,7 +49,7 @@ void orderedWork(void* ctx) {
     int producer = static_cast<int>(v >> 24), seq = static_cast<int>(v & 0xFFFFFF);
     if (gOrder->inside.fetch_add(1) != 0) gOrder->overlaps.fetch_add(1);
     if (gOrder->next[producer] != seq) ++gOrder->misordered;
-    if (seq == 0 && probe::threadName().rfind("kel-pool-", 0) != 0) gOrder->misnamed.fetch_add(1);
+    if (seq == 0 && threadName().rfind("kel-pool-", 0) != 0) gOrder->misnamed.fetch_add(1);
     gOrder->next[producer] = seq + 1;
     gOrder->inside.fetch_sub(1);
     gOrder->done.add();
@@ -72,14 +77,13 @@ void countWork(void* ctx) { static_cast<Done*>(ctx)->add(); }
 
 }  // namespace
 
-TEST(WorkQueue, HundredThousandWorksFromFourThreadsRunInOrderWithoutOverlap) {
-    int base = baselineThreadCount();
+// Longer under the soak label (KEL_SOAK_SECONDS).
+TEST(WorkQueue, StressWorksFromFourThreadsRunInOrderWithoutOverlap) {
     DispathQueue* q = kel_dispatch_queue_create();
-    expectSerial(q, 4, 25000);
+    expectSerial(q, 4, static_cast<int>(25000 * stressSeconds(1.0)));
     kel_dispatch_queue_destory(q);
     expectSerial(nullptr, 2, 2000);  // the default queue is serial too
-    ASSERT_TRUE(probe::waitFor(poolIdle));
-    EXPECT_TRUE(threadCountSettlesAt(base + kel_pool_counts().alive)) << threadCount();
+    EXPECT_TRUE(waitForNoStrayThreads());
 }
 
 namespace {
@@ -87,7 +91,7 @@ struct Trace {
     std::mutex m;
     std::vector<int> seen;
     DispathQueue* q;
-    probe::Gate gate;
+    Gate gate;
     std::atomic<bool> lateRan{false}, returnedFirst{false};
     Done done;
     void note(int v) {
@@ -123,7 +127,7 @@ TEST(WorkQueue, WorkQueuedFromAWorkRunsLaterWithoutBlockingTheQueuer) {
     EXPECT_TRUE(trace.returnedFirst.load());
     EXPECT_EQ(trace.seen, (std::vector<int>{1, 2, 3}));
     kel_dispatch_queue_destory(trace.q);
-    ASSERT_TRUE(probe::waitFor(poolIdle));
+    ASSERT_TRUE(waitUntil(poolIdle));
 }
 
 // Each work waits until all are in flight at once: only possible if the
@@ -156,13 +160,12 @@ TEST(WorkQueue, SeveralQueuesRunInParallel) {
     ASSERT_TRUE(meet.done.waitFor(kQueues));
     EXPECT_GE(kel_pool_counts().alive, kQueues);
     for (auto& q : qs) kel_dispatch_queue_destory(q);
-    ASSERT_TRUE(probe::waitFor(poolIdle));
+    ASSERT_TRUE(waitUntil(poolIdle));
 }
 
 // An idle queue holds no thread; a drained one gives its thread back and
 // binds one again for new work; a second reference keeps it across a drop.
 TEST(WorkQueue, DrainedQueueGivesItsThreadBackAndReferencesKeepIt) {
-    int base = baselineThreadCount();
     kel_dispatch_queue_destory(nullptr);  // ignored
     DispathQueue* q = kel_dispatch_queue_create();
     EXPECT_EQ(kel_pool_counts().used, 0);
@@ -170,7 +173,7 @@ TEST(WorkQueue, DrainedQueueGivesItsThreadBackAndReferencesKeepIt) {
     for (int round = 1; round <= 20; ++round) {
         kel_dispatch_async_t(q, countWork, &done);
         ASSERT_TRUE(done.waitFor(round));
-        ASSERT_TRUE(probe::waitFor(poolIdle)) << round;
+        ASSERT_TRUE(waitUntil(poolIdle)) << round;
         if (round == 10) {
             kel_dispatch_queue_ref(q);
             kel_dispatch_queue_destory(q);  // a use after free shows under a sanitizer
@@ -178,7 +181,7 @@ TEST(WorkQueue, DrainedQueueGivesItsThreadBackAndReferencesKeepIt) {
     }
     EXPECT_LE(kel_pool_counts().alive, 2);
     kel_dispatch_queue_destory(q);
-    EXPECT_TRUE(threadCountSettlesAt(base + kel_pool_counts().alive)) << threadCount();
+    EXPECT_TRUE(waitForNoStrayThreads());
 }
 
 // The last handle may go right after queuing, or from a work of the queue:
@@ -198,10 +201,13 @@ TEST(WorkQueue, LastHandleMayBeDroppedAfterQueuingOrFromAWork) {
         }
     }
     ASSERT_TRUE(done.waitFor(450));
-    ASSERT_TRUE(probe::waitFor(poolIdle));
+    ASSERT_TRUE(waitUntil(poolIdle));
 }
 
-TEST(Rendezvous, InterleavedTagsPairOnlyWithTheirOwnTag) {
+// Callers pair only with their own tag (null is a tag like any); an odd
+// caller waits for the next partner, and every caller gets the value of
+// exactly one other, symmetrically.
+TEST(Rendezvous, CallersPairByTagAndSwapValues) {
     int x, y;
     intptr_t r[4] = {};
     std::thread a([&] { r[0] = kel_rendezvous(&x, 10); });
@@ -213,13 +219,7 @@ TEST(Rendezvous, InterleavedTagsPairOnlyWithTheirOwnTag) {
     EXPECT_EQ(r[3], 10);
     EXPECT_EQ(r[1], 21);
     EXPECT_EQ(r[2], 20);
-}
-
-// Null is a tag like any, 0 a value like any; an odd caller waits for the next partner, and
-// every caller gets the value of exactly one other, symmetrically.
-TEST(Rendezvous, NullTagAndOddCallerPairUp) {
     std::atomic<int> returned{0};
-    intptr_t r[4] = {};
     std::vector<std::thread> ts;
     for (int i = 0; i < 3; ++i) {
         ts.emplace_back([&, i] {
@@ -227,7 +227,7 @@ TEST(Rendezvous, NullTagAndOddCallerPairUp) {
             returned.fetch_add(1);
         });
     }
-    ASSERT_TRUE(probe::waitFor([&] { return returned.load() == 2; }));
+    ASSERT_TRUE(waitUntil([&] { return returned.load() == 2; }));
     usleep(20 * 1000);
     EXPECT_EQ(returned.load(), 2);
     r[3] = kel_rendezvous(nullptr, 3);

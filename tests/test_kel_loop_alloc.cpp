@@ -11,53 +11,8 @@
 #include "app_timer.h"
 #include "kel_loop.h"
 #include "kel_port.h"
-#include "support/loop_helpers.h"
-
-namespace {
-
-std::atomic<bool> _g_counting{false};
-std::atomic<long> _g_allocs{0};
-
-inline void noteAllocation() {
-    if (_g_counting.load(std::memory_order_relaxed)) _g_allocs.fetch_add(1, std::memory_order_relaxed);
-}
-
-}  // namespace
-
-// Our operator new takes its memory from malloc, so free is the right match.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-void* operator new(size_t n) {
-    noteAllocation();
-    void* p = malloc(n ? n : 1);
-    if (!p) throw std::bad_alloc();
-    return p;
-}
-void* operator new[](size_t n) { return operator new(n); }
-void operator delete(void* p) noexcept { free(p); }
-void operator delete[](void* p) noexcept { free(p); }
-void operator delete(void* p, size_t) noexcept { free(p); }
-void operator delete[](void* p, size_t) noexcept { free(p); }
-
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void* malloc(size_t n) {
-    noteAllocation();
-    return __libc_malloc(n);
-}
-void* calloc(size_t n, size_t s) {
-    noteAllocation();
-    return __libc_calloc(n, s);
-}
-void* realloc(void* p, size_t n) {
-    noteAllocation();
-    return __libc_realloc(p, n);
-}
-}
-#endif
+#include "support/fault_hooks.h"
+#include "support/loop_harness.h"
 
 namespace {
 
@@ -72,10 +27,11 @@ void tick(ATimer*, void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1, st
 
 }  // namespace
 
-TEST(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
-    armWatchdog();
-    startFramework();
-    CountingLoop loop;
+using KelLoopHeap = KelTest;
+
+TEST_F(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
+    CountingLoop& loop = *new CountingLoop;
+    this->loop = &loop;
     LoopRunner runner(&loop);
     std::atomic<int> oneShot{0}, repeating{0};
     ATimer once, every;
@@ -87,9 +43,9 @@ TEST(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
     ASSERT_TRUE(waitUntil([&] { return loop.dispatched.load() == 1; }));
 
     // The counter sees allocations at all.
-    _g_counting.store(true);
+    hooks::counting.store(true);
     ::operator delete(::operator new(16));
-    ASSERT_GE(_g_allocs.exchange(0), 1);
+    ASSERT_GE(hooks::allocs.exchange(0), 1);
 
     constexpr int kEvents = 2000;
     for (int i = 0; i < kEvents; ++i) {
@@ -106,10 +62,9 @@ TEST(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
     every.restart(1);
     ASSERT_TRUE(waitUntil([&] { return repeating.load() >= 5; }));
     every.stop();
-    _g_counting.store(false);
+    hooks::counting.store(false);
 
-    EXPECT_EQ(_g_allocs.load(), 0) << "heap allocations on the event path";
+    EXPECT_EQ(hooks::allocs.load(), 0) << "heap allocations on the event path";
     loop.exitLoop();
     EXPECT_EQ(runner.join(), 0);
-    EXPECT_EQ(freeBlocks(&loop), totalBlocks(&loop));
 }

@@ -1,6 +1,9 @@
+// SimpleThread: the frame of a pass, restarts, joins, names, cancellation
+// and a failure to make the thread.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -8,37 +11,31 @@
 #include <vector>
 
 #include "kel_thread.h"
+#include "support/fault_hooks.h"
 #include "support/log_capture.h"
-#include "support/thread_probe.h"
+#include "support/loop_harness.h"
 
 namespace {
 
 // Records the calls on its thread; run() optionally waits at a gate.
 class Recorder : public SimpleThread {
 public:
-    probe::Gate* gate = nullptr;
+    Gate* gate = nullptr;
     std::atomic<int> runs{0};
     std::vector<std::string> calls;
     std::string nameInRun;
     unsigned long selfInRun = 0;
 
 protected:
-    void startup() override { note("startup"); }
+    void startup() override { calls.push_back("startup"); }
     void run() override {
-        note("run");
-        nameInRun = probe::threadName();
+        calls.push_back("run");
+        nameInRun = threadName();
         selfInRun = selfId();
         if (gate) gate->wait();
         runs.fetch_add(1);
     }
-    void cleanup() override { note("cleanup"); }
-
-private:
-    std::mutex mtx;
-    void note(const char* what) {
-        std::lock_guard<std::mutex> l(mtx);
-        calls.push_back(what);
-    }
+    void cleanup() override { calls.push_back("cleanup"); }
 };
 
 class Spinner : public SimpleThread {
@@ -56,52 +53,57 @@ protected:
     void cleanup() override { cleaned = true; }
 };
 
+bool noStrayThread() {
+    return waitUntil([] { return strayThreads().empty(); }, 10);
+}
+
 }  // namespace
 
+// startup, run and cleanup on one named thread; a start while running makes
+// no second thread; a failed pthread_create is logged and may be retried.
 TEST(SimpleThread, RunsFramedByStartupAndCleanupOnANamedThreadAndJoins) {
-    int base = baselineThreadCount();
     LogCapture cap;
-    {
-        Recorder t;
-        EXPECT_TRUE(t.join());  // never started
-        probe::Gate gate;
-        t.gate = &gate;
-        ASSERT_TRUE(t.start());
-        EXPECT_TRUE(t.isRunning());
-        int during = threadCount();
-        EXPECT_TRUE(t.start());  // running: no second thread
-        EXPECT_EQ(threadCount(), during);
-        EXPECT_FALSE(t.setPriority(100000));  // outside every SCHED_FIFO range
-        unsigned long id = t.id();
-        gate.open();
-        EXPECT_TRUE(t.join());
-        EXPECT_FALSE(t.isRunning());
-        EXPECT_EQ(t.runs.load(), 1);
-        EXPECT_EQ(t.calls, (std::vector<std::string>{"startup", "run", "cleanup"}));
-        EXPECT_EQ(t.nameInRun.rfind("kel-thr-", 0), 0u) << t.nameInRun;
-        EXPECT_EQ(t.selfInRun, id);
-        EXPECT_NE(id, SimpleThread::selfId());
-    }
+    Recorder t;
+    EXPECT_TRUE(t.join());  // never started
+    hooks::failCreates = 1;
+    EXPECT_FALSE(t.start());
+    EXPECT_EQ(cap.count("pthread_create failed, 11, Resource temporarily unavailable", LOG_WARN), 1);
+    EXPECT_FALSE(t.isRunning());
+    EXPECT_TRUE(t.join()) << "nothing to join";
+    Gate gate;
+    t.gate = &gate;
+    ASSERT_TRUE(t.start());
+    EXPECT_TRUE(t.isRunning());
+    EXPECT_TRUE(t.start());  // running: no second thread
+    EXPECT_EQ(strayThreads().size(), 1u);
+    EXPECT_FALSE(t.setPriority(100000));  // outside every SCHED_FIFO range
+    gate.open();
+    EXPECT_TRUE(t.join());
+    EXPECT_FALSE(t.isRunning());
+    EXPECT_EQ(t.runs.load(), 1);
+    EXPECT_EQ(t.calls, (std::vector<std::string>{"startup", "run", "cleanup"}));
+    EXPECT_EQ(t.nameInRun.rfind("kel-thr-", 0), 0u) << t.nameInRun;
+    EXPECT_EQ(t.selfInRun, t.id());
+    EXPECT_NE(t.id(), SimpleThread::selfId());
     EXPECT_EQ(cap.countContaining("went out of scope"), 0);
-    EXPECT_TRUE(threadCountSettlesAt(base)) << threadCount();
+    EXPECT_TRUE(noStrayThread());
 }
 
 // A thread that ends by itself detaches; a stopped object starts again
 // whether joined or self-ended, and concurrent ends and joins never lose or
 // double-join a thread.
 TEST(SimpleThread, StoppedObjectsStartAgainAndNoThreadIsLeft) {
-    int base = baselineThreadCount();
     Recorder t;
     for (int i = 0; i < 50; ++i) {
+        t.calls.clear();
         ASSERT_TRUE(t.start()) << i;
         if (i % 2 == 0) {
             EXPECT_TRUE(t.join());
         } else {
-            ASSERT_TRUE(probe::waitFor([&] { return !t.isRunning(); }));
-            EXPECT_TRUE(threadCountSettlesAt(base)) << "a self-ended thread detaches";
+            ASSERT_TRUE(waitUntil([&] { return !t.isRunning(); }));
+            EXPECT_TRUE(noStrayThread()) << "a self-ended thread detaches";
         }
     }
-    EXPECT_TRUE(t.join());
     EXPECT_TRUE(t.join());
     EXPECT_EQ(t.runs.load(), 50);
     std::vector<Recorder> threads(16);
@@ -110,30 +112,25 @@ TEST(SimpleThread, StoppedObjectsStartAgainAndNoThreadIsLeft) {
         for (auto& r : threads) EXPECT_TRUE(r.join());
     }
     for (auto& r : threads) EXPECT_EQ(r.runs.load(), 20);
-    EXPECT_TRUE(threadCountSettlesAt(base)) << threadCount();
+    EXPECT_TRUE(noStrayThread());
 }
 
 TEST(SimpleThread, SetNameNamesTheCallingThreadAndIgnoresNull) {
     struct Renamer : SimpleThread {
         std::string before, after;
-        bool unchanged = false;
         void run() override {
-            before = probe::threadName();
-            EXPECT_TRUE(setName(nullptr));
-            unchanged = probe::threadName() == before;
+            before = threadName();
+            setName(nullptr);
             setName("worker-abc");
-            after = probe::threadName();
+            after = threadName();
         }
     } t;
-    std::string mine = probe::threadName();
-    EXPECT_TRUE(t.setName(nullptr));
-    EXPECT_EQ(probe::threadName(), mine);
     ASSERT_TRUE(t.start());
     ASSERT_TRUE(t.join());
-    EXPECT_TRUE(t.unchanged) << t.before;
+    EXPECT_EQ(t.before.rfind("kel-thr-", 0), 0u);
     EXPECT_EQ(t.after, "worker-abc");
     EXPECT_TRUE(t.setName("main-renamed"));  // renames the caller
-    EXPECT_EQ(probe::threadName(), "main-renamed");
+    EXPECT_EQ(threadName(), "main-renamed");
 }
 
 // A cancelled thread skips cleanup and counts as running until joined; an
@@ -142,20 +139,18 @@ TEST(SimpleThread, CancelledThreadRunsUntilJoinedAndWarnsWhenDropped) {
     LogCapture cap;
     Spinner t;
     ASSERT_TRUE(t.start());
-    ASSERT_TRUE(probe::waitFor([&] { return t.inRun.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return t.inRun.load(); }));
     t.cancel();
     usleep(20 * 1000);
     EXPECT_TRUE(t.isRunning());
     EXPECT_TRUE(t.join());
-    EXPECT_FALSE(t.isRunning());
     EXPECT_FALSE(t.cleaned.load());
-
     pthread_t handle;
     char expected[64];
     {
         Spinner u;
         ASSERT_TRUE(u.start());
-        ASSERT_TRUE(probe::waitFor([&] { return u.inRun.load(); }));
+        ASSERT_TRUE(waitUntil([&] { return u.inRun.load(); }));
         handle = static_cast<pthread_t>(u.id());
         snprintf(expected, sizeof expected, "Thread %lx went out of scope while running!", u.id());
         u.cancel();  // it no longer touches the object

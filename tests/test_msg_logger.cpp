@@ -9,7 +9,11 @@
 #include <atomic>
 #include <string>
 
+#include <stdexcept>
+
+#include "common_log.h"
 #include "msg_logger.h"
+#include "support/log_capture.h"
 
 namespace {
 
@@ -37,23 +41,31 @@ void countPipe(int) { _g_pipes.fetch_add(1); }
 
 }  // namespace
 
-TEST(MsgLogger, LineShowsLevelNameThreadPlaceAndMessage) {
+// One line: time, level letter, name, place and message; the threshold
+// level itself is shown, lower ones are dropped.
+TEST(MsgLogger, LineLayoutAndThreshold) {
     kellog::kel_log_init(nullptr, "logtest");
-    std::string out =
-        captureStderr([] { __logprintf("/x/y/file.cpp", 13, "work", 4, 42, LOG_WARN, "v=%d", 7); });
+    kellog::kel_log_set_level(LOG_WARN);
+    std::string out = captureStderr([] {
+        __logprintf("/x/y/file.cpp", 13, "work", 4, 42, LOG_WARN, "v=%d", 7);
+        __logprintf("f.cpp", 5, "f", 1, 1, LOG_INFO, "hidden");
+    });
     EXPECT_NE(out.find(" W logtest["), std::string::npos) << out;
     EXPECT_NE(out.find("] file.cpp:42 work: v=7\n"), std::string::npos) << out;
     EXPECT_EQ(out.find('\n'), out.size() - 1) << "one line";
 }
 
-TEST(MsgLogger, ThresholdDropsLowerLevels) {
-    kellog::kel_log_set_level(LOG_WARN);
-    std::string out = captureStderr([] {
-        __logprintf("f.cpp", 5, "f", 1, 1, LOG_INFO, "hidden");
-        __logprintf("f.cpp", 5, "f", 1, 2, LOG_ERROR, "shown");
-    });
-    EXPECT_EQ(out.find("hidden"), std::string::npos);
-    EXPECT_NE(out.find("shown"), std::string::npos);
+// A failed check throws with the file's base name, line and function, and
+// writes no line of its own.
+TEST(MsgLogger, AssertThrowsWithPlaceAndWritesNoLine) {
+    LogCapture cap;
+    try {
+        _gen_log_assert_fail("/a/b/c.cpp", 10, "f", 1, 7);
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "ASSERT: c.cpp.7: f");
+    }
+    EXPECT_TRUE(cap.lines().empty());
 }
 
 TEST(MsgLogger, InitTakesTheLevelFromTheConfigurationFile) {

@@ -13,7 +13,7 @@
 
 #include "daemon_thread.h"
 #include "kel_dispatch.h"
-#include "support/thread_probe.h"
+#include "support/loop_harness.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ void expectCleanExit(F child) {
 
 struct Blocked : DaemonThread {
     std::atomic<bool> inRun{false};
-    probe::Gate* gate = nullptr;
+    Gate* gate = nullptr;
     void run() override {
         inRun = true;
         if (gate != nullptr) {
@@ -55,6 +55,7 @@ struct Blocked : DaemonThread {
 };
 
 void noop(void*) {}
+bool poolIdleNow() { return kel_pool_counts().used == 0; }
 
 }  // namespace
 
@@ -69,7 +70,7 @@ TEST(ThreadExit, ProcessWithIdlePooledThreadsExitsCleanly) {
             kel_dispatch_async_t(nullptr, noop, nullptr);
         }
         kel_dispatch_queue_destory(q);
-        if (!probe::waitFor(probe::poolIdle)) _exit(3);
+        if (!waitUntil(poolIdleNow)) _exit(3);
     });
 }
 
@@ -82,21 +83,21 @@ TEST(ThreadExit, ProcessWithAThreadInALongRunExitsWithoutWaitingForIt) {
             nullptr, [](void*) { workStarted = true, sleep(120); }, nullptr);
         static DaemonThread idle;
         idle.start();
-        if (!probe::waitFor([] { return sleeper.inRun.load() && workStarted.load(); })) _exit(3);
+        if (!waitUntil([] { return sleeper.inRun.load() && workStarted.load(); })) _exit(3);
     });
 }
 
 // The parent has idle and busy pooled threads and a default queue in use;
 // none of these threads exists in the child, which starts with an empty pool.
 TEST(ThreadExit, ForkedChildOfAPoolUserExitsAlthoughItsThreadsAreMissing) {
-    probe::Gate gate;
+    Gate gate;
     DaemonThread idle;
     ASSERT_TRUE(idle.start());
     Blocked busy;
     busy.gate = &gate;
     ASSERT_TRUE(busy.start());
     kel_dispatch_async_t(nullptr, noop, nullptr);
-    ASSERT_TRUE(probe::waitFor([&] { return busy.inRun.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return busy.inRun.load(); }));
     expectCleanExit([] {
         KelPoolCounts c = kel_pool_counts();
         if (c.used != 0 || c.free != 0 || c.alive != 0) _exit(4);
@@ -105,9 +106,9 @@ TEST(ThreadExit, ForkedChildOfAPoolUserExitsAlthoughItsThreadsAreMissing) {
         // is refused by the thread sanitizer and unreliable under emulation).
         DaemonThread fresh;
         if (!fresh.start()) _exit(5);
-        if (!probe::waitFor(probe::poolIdle)) _exit(6);
+        if (!waitUntil(poolIdleNow)) _exit(6);
 #endif
     });
     gate.open();
-    ASSERT_TRUE(probe::waitFor(probe::poolIdle));
+    ASSERT_TRUE(waitUntil(poolIdleNow));
 }

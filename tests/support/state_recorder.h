@@ -97,27 +97,21 @@ public:
     }
 };
 
-// Builds the loop (no signal handling, no logging start) and a machine of
-// `kStates` slots with initial state 0. Tears down machine, then loop, and
-// checks that every block came home and no thread was left behind.
-class MacheFixture : public ::testing::Test {
+// The loop and a machine of `kStates` slots with initial state 0; the
+// machine goes before KelTest checks the loop.
+class MacheFixture : public KelTest {
 protected:
     static constexpr int kStates = 4;
 
     void SetUp() override {
-        KelLoop::init_all(0x3000000, "kel-test", nullptr);
+        KelTest::SetUp();
         loop = new KelLoop(msgs());
         mache = new TestMache(kStates, 0);
     }
-
     void TearDown() override {
         delete mache;
-        expectPoolsFull(loop);
-        delete loop;
-        KelLoop::uninit_all();
-        EXPECT_TRUE(strayThreads().empty()) << ::testing::PrintToString(strayThreads());
+        KelTest::TearDown();
     }
-
     virtual unsigned msgs() const { return 32; }
 
     // Registers the next state as "s<index>".
@@ -129,7 +123,6 @@ protected:
         states.push_back(s);
         return s;
     }
-
     // An event handed straight to the machine; its stateMsg is the result
     // that the current state's translate gives.
     bool deliver(long msg, long msgId = 0) {
@@ -140,8 +133,6 @@ protected:
         return mache->procState(&e);
     }
 
-    Watchdog dog{60};
-    KelLoop* loop = nullptr;
     TestMache* mache = nullptr;
     std::vector<ScriptedState*> states;
     CallLog calls;
