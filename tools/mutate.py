@@ -49,7 +49,7 @@ MUTANTS = [
      "KEL_ASSERT(nFree < m_nTot);", "KEL_ASSERT(nFree <= m_nTot);"),
     ("queue-post-no-ref", "events/kel_evt_pool_queue.cpp",
      "    if (ev->poolId_ != 0) ++ev->refCtr_;\n    m_nFree.store(nFree - 1",
-     "    m_nFree.store(nFree - 1"),
+     "    static_cast<void>(ev);\n    m_nFree.store(nFree - 1"),
     ("queue-head-wrap", "events/kel_evt_pool_queue.cpp",
      "if (head == 0) head = m_end;", "if (head == 0) head = m_end - 1;"),
     ("queue-lifo-victim", "events/kel_evt_pool_queue.cpp",
@@ -114,7 +114,8 @@ MUTANTS = [
     ("set-bit-shift", "events/kel_set.cpp", "uint32_t{1} << (n - 1)", "uint32_t{1} << (n & 31)"),
     ("set-remove-toggles", "events/kel_set.cpp", "m_bits & ~bitOf(n)", "m_bits ^ bitOf(n)"),
     # events/kel_dispatch.cpp
-    ("work-no-start", "events/kel_dispatch.cpp", "if (wasEmpty) DaemonThread::start();", ""),
+    ("work-no-start", "events/kel_dispatch.cpp", "if (wasEmpty) DaemonThread::start();",
+     "static_cast<void>(wasEmpty);"),
     ("work-tail-stale", "events/kel_dispatch.cpp", "if (head == nullptr) tail = &head;", ""),
     ("work-unref-leak", "events/kel_dispatch.cpp", "return --mRefs <= 0;", "return --mRefs < 0;"),
     ("rendezvous-one-way", "events/kel_dispatch.cpp", "            *other->value = value;\n", ""),
