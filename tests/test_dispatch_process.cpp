@@ -77,14 +77,6 @@ struct Signal : public Object {
     std::atomic<int> count{0};
 };
 
-struct Owned : public Object {
-    explicit Owned(std::atomic<int>* d) : deaths(d) {}
-    ~Owned() override { ++*deaths; }
-    void hit() { ++calls; }
-    std::atomic<int>* deaths;
-    int calls = 0;
-};
-
 // A callback that blocks until the test lets it go.
 struct Blocker : public Object {
     void pass() {
@@ -170,27 +162,6 @@ TEST_F(Dispatch, RunWaitsForItsCallAndEarlierItemsAndEndsWhenCancelled) {
     EXPECT_EQ(r.thread, worker.get_id());
     q.interrupt();
     worker.join();
-}
-
-TEST_F(Dispatch, ProcessingWithoutWakeupReturnsAfterEachBatch) {
-    Queue q;
-    Tick a(&trace, "a", &q);
-    std::thread worker([&] { q.queueProcess(1); });  // an enqueue interrupts it
-    std::this_thread::sleep_for(20ms);
-    q.enqueue(FUNC(&Rec::hit), &a);
-    worker.join();
-    EXPECT_EQ(a.calls, 1);
-
-    // Non-blocking calls return at once, whatever the sign, a timer pending;
-    // they consume an interrupt.
-    a.timer.restart(100000);
-    q.queueProcess(0);
-    q.queueProcess(-5);
-    EXPECT_EQ(a.calls, 1);
-    q.interrupt();
-    q.queueProcess(0);
-    EXPECT_TRUE(blocksUntilInterrupt(q));
-    a.timer.stop();
 }
 
 TEST_F(Dispatch, ProcessingWithWakeupWaitsUntilInterrupted) {
@@ -331,35 +302,6 @@ TEST_F(Dispatch, RepeatingTimerKeepsOneEntryAndCountsFromTheCallbacksEnd) {
     EXPECT_GE(secondStart - firstEnd, 20ms) << "no catching up after a long callback";
 }
 
-TEST_F(Dispatch, RestartFromACallbackLeavesOnePendingEntry) {
-    Queue q;
-    Tick a(&trace, "a", &q), b(&trace, "b", &q);
-    a.timer.setRepeat(true);
-    a.hook = [&] {
-        if (a.calls == 1) a.timer.restart(100000);
-    };
-    a.timer.restart(0);
-    Processor p(q);
-    ASSERT_TRUE(waitUntil([&] { return a.calls == 1; }));
-    drain(q);
-    EXPECT_EQ(used(), 1);
-    EXPECT_GT(q.getNeedWait(), 50000000) << "the restart's deadline counts";
-    a.timer.stop();
-    EXPECT_EQ(used(), 0);
-
-    // A one-shot re-arms itself once and moves another timer's deadline close.
-    a.timer.setRepeat(false);
-    a.hook = [&] {
-        if (a.calls == 2) a.timer.restart(10), b.timer.restart(5);
-    };
-    b.timer.restart(100000);
-    a.timer.restart(0);
-    ASSERT_TRUE(waitUntil([&] { return a.calls == 3 && b.calls == 1; }));
-    drain(q);
-    EXPECT_EQ(trace.str(), "aaba");
-    EXPECT_EQ(q.getNeedWait(), INT64_MAX);
-}
-
 TEST_F(Dispatch, WaitQueryDuringAStoppedTimersCallbackLeavesItsEntry) {
     Queue q;
     Blocker gate;
@@ -421,24 +363,6 @@ TEST_F(Dispatch, LoopDeliversEventsInPostOrderAfterCallbacksAndRunsAgain) {
     loop.post(4);
     t3.join();
     EXPECT_EQ(trace.str(), "a8971564");
-}
-
-TEST_F(Dispatch, LockHoldsWorkAndTimersUntilUnlock) {
-    Queue q;
-    Rec a(&trace, "a");
-    Tick tick(&trace, "t", &q);
-    Processor p(q);
-    q.lock();  // the processor sleeps in its wait: no callback to wait for
-    tick.timer.restart(5);
-    q.enqueue(FUNC(&Rec::hit), &a);
-    q.interrupt();
-    int returns = p.returns;
-    std::this_thread::sleep_for(40ms);
-    EXPECT_EQ(trace.str(), "");
-    EXPECT_EQ(p.returns, returns) << "queueProcess does not return during a hold";
-    q.unlock();
-    // Queued work before the due timer.
-    EXPECT_TRUE(waitUntil([&] { return trace.str() == "at"; })) << trace.str();
 }
 
 TEST_F(Dispatch, TwoLockersExcludeEachOtherAndTheCallbacks) {

@@ -130,39 +130,6 @@ TEST(WorkQueue, WorkQueuedFromAWorkRunsLaterWithoutBlockingTheQueuer) {
     ASSERT_TRUE(waitUntil(poolIdle));
 }
 
-// Each work waits until all are in flight at once: only possible if the
-// queues have a thread each.
-TEST(WorkQueue, SeveralQueuesRunInParallel) {
-    constexpr int kQueues = 3;
-    struct Meet {
-        std::mutex m;
-        std::condition_variable cv;
-        int arrived = 0;
-        Done done;
-    } meet;
-    DispathQueue* qs[kQueues];
-    for (auto& q : qs) {
-        q = kel_dispatch_queue_create();
-        kel_dispatch_async_t(
-            q,
-            [](void* p) {
-                Meet* mt = static_cast<Meet*>(p);
-                std::unique_lock<std::mutex> l(mt->m);
-                ++mt->arrived;
-                mt->cv.notify_all();
-                if (mt->cv.wait_for(l, std::chrono::seconds(30), [&] { return mt->arrived == kQueues; })) {
-                    l.unlock();
-                    mt->done.add();
-                }
-            },
-            &meet);
-    }
-    ASSERT_TRUE(meet.done.waitFor(kQueues));
-    EXPECT_GE(kel_pool_counts().alive, kQueues);
-    for (auto& q : qs) kel_dispatch_queue_destory(q);
-    ASSERT_TRUE(waitUntil(poolIdle));
-}
-
 // An idle queue holds no thread; a drained one gives its thread back and
 // binds one again for new work; a second reference keeps it across a drop.
 TEST(WorkQueue, DrainedQueueGivesItsThreadBackAndReferencesKeepIt) {

@@ -60,65 +60,20 @@ TEST(KelPool, CuttingMarginOrderAndMisuse) {
     EXPECT_EQ(Kel::Kel_maxPool_, 3u);
 }
 
-namespace {
-
-struct QueueTest : ::testing::Test {
-    static constexpr int kLen = 4;
-    const QEvt* ring[kLen];
-    KelQueue q;
-    QEvt ev[16];
-
-    void SetUp() override {
-        q.init(ring, kLen);
-        for (int i = 0; i < 16; ++i) ev[i].sig = static_cast<QSignal>(100 + i);
-    }
-    std::vector<int> drain() {
-        std::vector<int> out;
-        while (const QEvt* e = q.get()) out.push_back(e->sig - 100);
-        return out;
-    }
-};
-
-}  // namespace
-
-// Holds ring length + 1, first in first out across many wraps; the margin
-// keeps entries in reserve; records from no pool keep their count.
-TEST_F(QueueTest, CapacityOrderAndMargin) {
-    LogCapture cap;
-    std::vector<int> got, want;
-    int next = 0;
-    for (int round = 0; round < 50; ++round) {
-        int n = std::min<int>(1 + round % (kLen + 1), static_cast<int>(q.getNFree()));
-        for (int i = 0; i < n; ++i, ++next) {
-            ASSERT_TRUE(q.post(&ev[next % 16], 0));
-            want.push_back(next % 16);
-        }
-        int m = n == 0 ? 1 : 1 + (round * 7) % n;
-        for (int i = 0; i < m; ++i) got.push_back(q.get()->sig - 100);
-        while (!q.isEmpty() && round % 5 == 4) got.push_back(q.get()->sig - 100);
-    }
-    for (int v : drain()) got.push_back(v);
-    EXPECT_EQ(got, want);
-    EXPECT_EQ(q.get(), nullptr);
-    EXPECT_EQ(q.getNFree(), static_cast<QEQueueCtr>(kLen + 1));
-    for (int i = 0; i <= kLen; ++i) EXPECT_TRUE(q.post(&ev[i], 0));
-    EXPECT_FALSE(q.post(&ev[9], 0));
-    EXPECT_EQ(cap.count("event not posted", LOG_WARN), 1);
-    drain();
-    for (int i = 0; i < kLen - 1; ++i) ASSERT_TRUE(q.post(&ev[i], 2));
-    EXPECT_FALSE(q.post(&ev[9], 2));
-    EXPECT_TRUE(q.post(&ev[9], 1));
-    EXPECT_EQ(ev[9].refCtr_, 0) << "no pool, no count";
-}
-
-TEST_F(QueueTest, LifoGoesAheadOfEverything) {
+// Front slot first, then the ring; a LIFO post goes ahead of everything.
+// Without a ring the queue holds one event, which a LIFO post displaces.
+// (Order, margins and counts over long sequences: fuzz_pool_queue.)
+TEST(KelQueue, LifoGoesAheadOfEverything) {
+    const QEvt* ring[4];
+    QEvt ev[4];
+    KelQueue q, none;
+    q.init(ring, 4);
+    none.init(nullptr, 0);
     q.post(&ev[0], 0);
     q.post(&ev[1], 0);
     q.postLIFO(&ev[2]);
     q.postLIFO(&ev[3]);
-    EXPECT_EQ(drain(), (std::vector<int>{3, 2, 0, 1}));
-    KelQueue none;  // no ring: one event, which a LIFO post displaces
-    none.init(nullptr, 0);
+    for (int i : {3, 2, 0, 1}) EXPECT_EQ(q.get(), &ev[i]);
     EXPECT_TRUE(none.post(&ev[0], 0));
     EXPECT_FALSE(none.post(&ev[1], 0));
     none.postLIFO(&ev[2]);
@@ -157,52 +112,11 @@ TEST_F(EventStore, QueueLifoOnFullQueueDropsNewestAndReleasesIt) {
     }
 }
 
-// First fit over the timer, general and state pools in that order, by size.
-TEST_F(EventStore, AllocationIsFirstFitAcrossThePools) {
-    loop = new KelLoop(2);
-    std::vector<QEvt*> taken;
-    auto take = [&](int size) {
-        std::vector<int> ids;
-        for (int i = 0; i < 25; ++i) {
-            QEvt* e = KelLoop::newEvt(200, size);
-            ids.push_back(e ? e->poolId_ : 0);
-            if (e) taken.push_back(e);
-        }
-        for (QEvt* e : taken) Kel::gc(e);
-        taken.clear();
-        return ids;
-    };
-    LogCapture cap;
-    std::vector<int> want(20, 1);
-    want.insert(want.end(), {2, 2, 3, 3, 0});
-    EXPECT_EQ(take(sizeof(GeneralQEvt)), want);
-    want.resize(20);
-    want.insert(want.end(), {3, 3, 0, 0, 0});
-    EXPECT_EQ(take(sizeof(StateQEvt)), want);
-    EXPECT_EQ(KelLoop::newEvt(200, sizeof(StateQEvt) + 1), nullptr) << "larger than any block";
-}
-
-// A fresh block has count 0 and its old payload; each reference delays the
-// block's way home by one release; a record of no pool asserts.
-TEST_F(EventStore, ReferenceCountsDecideWhenTheBlockGoesHome) {
+// A record of no pool keeps its count and its release asserts; after the
+// end of the event mutex releasing still works. (Counts and first fit over
+// the pools: fuzz_pool_queue.)
+TEST_F(EventStore, ReleaseOfRecordsWithoutPoolAndAfterUninit) {
     loop = new KelLoop(4);
-    GeneralQEvt* e = newGeneral(0x12345, 77, 88);
-    EXPECT_EQ(e->sig, 0x2345);  // cut to 16 bits
-    EXPECT_EQ(e->refCtr_, 0);
-    loop->post(e);
-    EXPECT_EQ(e->refCtr_, 1);
-    Kel::gc(loop->eventQueue()->get());
-    GeneralQEvt* again = static_cast<GeneralQEvt*>(KelLoop::newEvt(300, sizeof(GeneralQEvt)));
-    ASSERT_EQ(again, e);  // last in, first out
-    EXPECT_EQ(again->refCtr_, 0);
-    EXPECT_EQ(again->wParam, 77);
-    const unsigned full = loop->timerList()->nodePool()->getNTot();
-    for (int i = 0; i < 3; ++i) Kel::newRef_(again);
-    for (int i = 3; i > 0; --i) {
-        EXPECT_EQ(loop->timerList()->nodePool()->getNFree(), full - 1) << i;
-        Kel::gc(again);
-    }
-    EXPECT_EQ(loop->timerList()->nodePool()->getNFree(), full);
     QEvt stray(300);
     stray.refCtr_ = 7;
     EXPECT_EQ(Kel::newRef_(&stray), &stray);
@@ -210,8 +124,8 @@ TEST_F(EventStore, ReferenceCountsDecideWhenTheBlockGoesHome) {
     LogCapture cap;
     EXPECT_THROW(Kel::gc(&stray), std::runtime_error);
     EXPECT_EQ(cap.count("poolId_ is invalid", LOG_ERROR), 1);
-    // After the end of the event mutex releasing still works.
-    QEvt* late = KelLoop::newEvt(300, sizeof(GeneralQEvt));
+    QEvt* late = KelLoop::newEvt(0x12345, sizeof(GeneralQEvt));
+    EXPECT_EQ(late->sig, 0x2345);  // cut to 16 bits
     Kel::uninit();
     Kel::gc(late);
     Kel::signal();  // nobody to wake, nothing to lock

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -144,25 +143,6 @@ TEST_F(LoopTest, DueTimerFirstThenEventsAndPostsFromTheLoopThreadComeLaterWithou
     EXPECT_EQ(l->calls, (Calls{"timer", "app 9", "posted", "app 10"}));
 }
 
-TEST_F(LoopTest, WakeupCoreMakesTheLoopReadItsDeadlineAgain) {
-    RecLoop* l = make();
-    LoopRunner runner(l);
-    ASSERT_TRUE(postGeneral(l, SIG_APP));
-    ASSERT_TRUE(waitUntil([&] { return l->dispatched.load() == 1; }));
-    // A timer armed behind the loop's back (no wake-up of its own).
-    std::atomic<int> fired{0};
-    ATimer t;
-    t.setHandler(count, &fired);
-    t.setInternal(0, 0);
-    NodeTimer* n = static_cast<NodeTimer*>(KelLoop::newEvt(SIG_TIMER_ADD, sizeof(NodeTimer)));
-    n->setProc(&t);
-    l->timerList()->addTimer(n);
-    l->wakeupCore();
-    EXPECT_TRUE(waitUntil([&] { return fired.load() == 1; }));
-    l->exitLoop();
-    EXPECT_EQ(runner.join(), 0);
-}
-
 TEST_F(LoopTest, PostedTimerNodeReplacesTheOlderOne) {
     RecLoop* l = make();
     ATimer t;
@@ -210,10 +190,6 @@ TEST_F(LoopTest, MisuseAssertsWithoutSideEffects) {
     ATimer t;
     EXPECT_THROW(t.restart(10), std::runtime_error) << "restart without a handler";
     EXPECT_FALSE(t.isRunning());
-    static GeneralQEvt storage[4];
-    KelPool extra;
-    EXPECT_THROW(extra.init(storage, sizeof storage, sizeof(GeneralQEvt)), std::runtime_error);
-    EXPECT_EQ(Kel::Kel_maxPool_, 3u);
     EXPECT_TRUE(l->eventQueue()->isEmpty());
     postGeneral(l, SIG_APP);
     l->exitLoop();
@@ -291,15 +267,13 @@ TEST_F(LoopTest, FullQueueRefusesPostsAndKeepsWhatItHolds) {
     EXPECT_EQ(l->seen.back(), 200);
 }
 
-// Producers and timers on other threads for a while (longer under the soak
-// label): each event arrives once and in its producer's order, a post racing
-// the loop's way into its wait is never left for a later wake-up, and
-// timers re-armed and stopped from outside end idle.
-TEST_F(LoopTest, StressProducersAndTimersFromOtherThreads) {
+// Producers on other threads for a while (longer under the soak label):
+// each event arrives once and in its producer's order, and a post racing
+// the loop's way into its wait is never left for a later wake-up.
+TEST_F(LoopTest, StressProducersFromOtherThreads) {
     constexpr int kProducers = 4;
     RecLoop* l = make(32);
-    l->calls.reserve(0);
-    std::vector<long> next(kProducers, 0);
+    std::vector<long> next(kProducers, 0), sent(kProducers, 0);
     long errors = 0;
     l->onEvent = [&](const QEvt* e) {
         const GeneralQEvt* g = static_cast<const GeneralQEvt*>(e);
@@ -307,22 +281,17 @@ TEST_F(LoopTest, StressProducersAndTimersFromOtherThreads) {
             ++errors;
         else
             ++next[g->wParam];
+        l->calls.clear();
+        l->seen.clear();
     };
-    l->calls.clear();
     LogCapture quiet;  // refusals are expected and retried
     LoopRunner runner(l);
-    // One event at a time: each is dispatched without another post's help.
-    for (int i = 0; i < 2000; ++i) {
-        ASSERT_TRUE(postGeneral(l, SIG_APP, 0, i));
-        ASSERT_TRUE(waitUntil([&] { return l->dispatched.load() == i + 1; }, 10)) << "lost wake-up";
+    for (sent[0] = 0; sent[0] < 2000; ++sent[0]) {  // one at a time
+        ASSERT_TRUE(postGeneral(l, SIG_APP, 0, sent[0]));
+        ASSERT_TRUE(waitUntil([&] { return l->dispatched.load() == sent[0] + 1; }, 10)) << "lost wake-up";
     }
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(stressSeconds(1.0));
-    std::atomic<int> fired{0};
-    ATimer timers[2];
-    for (ATimer& t : timers) t.setHandler(count, &fired);
-    timers[1].setRepeat(true);
     std::vector<std::thread> threads;
-    std::vector<long> sent(kProducers, 0);
     for (int p = 1; p < kProducers; ++p) {
         threads.emplace_back([&, p] {
             while (std::chrono::steady_clock::now() < end) {
@@ -333,57 +302,9 @@ TEST_F(LoopTest, StressProducersAndTimersFromOtherThreads) {
             }
         });
     }
-    threads.emplace_back([&] {
-        for (int i = 0; std::chrono::steady_clock::now() < end; ++i) {
-            timers[i % 2].restart(i % 3);
-            if (i % 5 == 0) timers[1].stop();
-            std::this_thread::sleep_for(std::chrono::microseconds(300));
-        }
-        timers[0].stop();
-        timers[1].stop();
-    });
     for (auto& t : threads) t.join();
-    sent[0] = 2000;
     l->exitLoop();
     EXPECT_EQ(runner.join(), 0);
     EXPECT_EQ(errors, 0);
     EXPECT_EQ(next, sent);
-    EXPECT_GT(fired.load(), 0);
-    for (ATimer& t : timers) EXPECT_FALSE(t.isRunning());
-}
-
-namespace {
-
-long voluntarySwitches(pid_t tid) {
-    std::ifstream f("/proc/self/task/" + std::to_string(tid) + "/status");
-    std::string line;
-    while (std::getline(f, line)) {
-        if (line.rfind("voluntary_ctxt_switches:", 0) == 0) return std::stol(line.substr(24));
-    }
-    return -1;
-}
-
-}  // namespace
-
-// An idle loop sleeps: no wake-ups over a second, with no timer and with a
-// distant one.
-TEST_F(LoopTest, IdleLoopDoesNotWakeUp) {
-    RecLoop* l = make();
-    std::atomic<pid_t> tid{0};
-    l->onEvent = [&](const QEvt*) { tid.store(currentTid()); };
-    LoopRunner runner(l);
-    ASSERT_TRUE(postGeneral(l, SIG_APP));
-    ASSERT_TRUE(waitUntil([&] { return tid.load() != 0; }));
-    for (int withTimer = 0; withTimer < 2; ++withTimer) {
-        ATimer far;
-        far.setHandler(count, nullptr);
-        if (withTimer) far.restart(3600 * 1000);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        long before = voluntarySwitches(tid.load());
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        EXPECT_LE(voluntarySwitches(tid.load()) - before, 1) << (withTimer ? "distant timer" : "no timer");
-        far.stop();
-    }
-    l->exitLoop();
-    EXPECT_EQ(runner.join(), 0);
 }

@@ -38,21 +38,6 @@ protected:
     void cleanup() override { calls.push_back("cleanup"); }
 };
 
-class Spinner : public SimpleThread {
-public:
-    std::atomic<bool> inRun{false}, cleaned{false};
-
-protected:
-    void run() override {
-        inRun = true;
-        for (;;) {
-            pthread_testcancel();
-            usleep(1000);
-        }
-    }
-    void cleanup() override { cleaned = true; }
-};
-
 bool noStrayThread() {
     return waitUntil([] { return strayThreads().empty(); }, 10);
 }
@@ -113,49 +98,4 @@ TEST(SimpleThread, StoppedObjectsStartAgainAndNoThreadIsLeft) {
     }
     for (auto& r : threads) EXPECT_EQ(r.runs.load(), 20);
     EXPECT_TRUE(noStrayThread());
-}
-
-TEST(SimpleThread, SetNameNamesTheCallingThreadAndIgnoresNull) {
-    struct Renamer : SimpleThread {
-        std::string before, after;
-        void run() override {
-            before = threadName();
-            setName(nullptr);
-            setName("worker-abc");
-            after = threadName();
-        }
-    } t;
-    ASSERT_TRUE(t.start());
-    ASSERT_TRUE(t.join());
-    EXPECT_EQ(t.before.rfind("kel-thr-", 0), 0u);
-    EXPECT_EQ(t.after, "worker-abc");
-    EXPECT_TRUE(t.setName("main-renamed"));  // renames the caller
-    EXPECT_EQ(threadName(), "main-renamed");
-}
-
-// A cancelled thread skips cleanup and counts as running until joined; an
-// object destroyed in that state warns with its thread in hex.
-TEST(SimpleThread, CancelledThreadRunsUntilJoinedAndWarnsWhenDropped) {
-    LogCapture cap;
-    Spinner t;
-    ASSERT_TRUE(t.start());
-    ASSERT_TRUE(waitUntil([&] { return t.inRun.load(); }));
-    t.cancel();
-    usleep(20 * 1000);
-    EXPECT_TRUE(t.isRunning());
-    EXPECT_TRUE(t.join());
-    EXPECT_FALSE(t.cleaned.load());
-    pthread_t handle;
-    char expected[64];
-    {
-        Spinner u;
-        ASSERT_TRUE(u.start());
-        ASSERT_TRUE(waitUntil([&] { return u.inRun.load(); }));
-        handle = static_cast<pthread_t>(u.id());
-        snprintf(expected, sizeof expected, "Thread %lx went out of scope while running!", u.id());
-        u.cancel();  // it no longer touches the object
-        usleep(20 * 1000);
-    }
-    EXPECT_EQ(cap.count(expected, LOG_WARN), 1);
-    EXPECT_EQ(pthread_join(handle, nullptr), 0);
 }

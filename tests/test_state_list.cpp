@@ -1,5 +1,6 @@
 // Events held back before the machine is initialised: what is kept, what
 // the filter is asked, and the order in which the loop replays them.
+// (Dedupe, a full list and filters over long sequences: fuzz_state_machine.)
 #include <gtest/gtest.h>
 
 #include "kel_port.h"
@@ -61,28 +62,4 @@ TEST_F(HeldBack, LatestPayloadInPlaceOfFirstArrivalReplayedAheadOfQueue) {
     EXPECT_EQ(got.wParam, 12);
     EXPECT_EQ(got.lParam, -13);
     EXPECT_EQ(got.pHander, &marker);
-}
-
-// Ten messages fill the list: a new one is refused, a known one replaces.
-// The library's own filter drops everything.
-TEST_F(HeldBack, FullListRefusesOnlyNewMessagesAndDefaultFilterDropsAll) {
-    LogCapture cap;
-    holdBack({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
-    ASSERT_FALSE(deliver(10, 99));
-    EXPECT_EQ(cap.count("BaseList list is full", LOG_ERROR), 1);
-    ASSERT_FALSE(deliver(3, 42));
-    EXPECT_EQ(cap.count("BaseList list is full"), 1);
-    EXPECT_EQ(mache->heldBack(), 10);
-    stopAfter = 9;
-    mache->initialize();
-    EXPECT_EQ(loop->execLoop(), 0);
-    EXPECT_EQ(dispatched(), (std::vector<long>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
-    EXPECT_EQ(states[0]->seen[3].msgId, 42);
-    Kel::init();
-    mache->exitState();
-    holdBack({1, 2, 3});
-    mache->defaultTestEvent = true;
-    mache->initialize();
-    EXPECT_EQ(mache->heldBack(), 0);
-    EXPECT_TRUE(loop->eventQueue()->isEmpty());
 }

@@ -32,20 +32,11 @@ public:
     // What `translate` returns; by default the event's stateMsg, so that a
     // test names the next step in the event.
     std::function<int(const StateQEvt*)> onTranslate;
-    // Side effects of entering and leaving (arming timers, posting).
-    std::function<void()> onEntry;
-    std::function<void()> onExit;
     // Copies of the events that reached `translate`.
     std::vector<StateQEvt> seen;
 
-    int entry(const StateQEvt*) override {
-        if (onEntry) onEntry();
-        return record("entry", entryResults);
-    }
-    int exit(const StateQEvt*) override {
-        if (onExit) onExit();
-        return record("exit", exitResults);
-    }
+    int entry(const StateQEvt*) override { return record("entry", entryResults); }
+    int exit(const StateQEvt*) override { return record("exit", exitResults); }
     int translate(const StateQEvt* e) override {
         mLog->push_back(call("translate"));
         seen.push_back(*e);
