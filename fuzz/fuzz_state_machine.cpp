@@ -119,18 +119,9 @@ struct Model {
         }
         hist.push_back(st);
     }
-    int entry(int st) {
-        calls.add('N', st);
-        return answers.entryOrExit();
-    }
-    int exit(int st) {
-        calls.add('X', st);
-        return answers.entryOrExit();
-    }
-    bool testState(int st) {
-        calls.add('S', st);
-        return answers.testState();
-    }
+    int entry(int st) { return calls.add('N', st), answers.entryOrExit(); }
+    int exit(int st) { return calls.add('X', st), answers.entryOrExit(); }
+    bool testState(int st) { return calls.add('S', st), answers.testState(); }
 
     void back(int exitResult) {
         int ce = exitResult;
@@ -268,8 +259,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 q->stateMsg = e.stateMsg;
                 q->msgId = e.msgId;
                 q->wParam = e.wParam;
-                q->lParam = 0;
-                q->pHander = nullptr;
                 FUZZ_CHECK(gLoop->post(q));
                 m.queue.push_back(e);
                 break;

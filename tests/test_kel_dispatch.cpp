@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -13,24 +12,15 @@
 #include "support/loop_harness.h"
 
 namespace {
-bool poolIdle() { return kel_pool_counts().used == 0; }
-}  // namespace
 
-namespace {
+bool poolIdle() { return kel_pool_counts().used == 0; }
 
 // Counts finished works and lets the test wait for a number of them.
 struct Done {
-    std::mutex m;
-    std::condition_variable cv;
-    int n = 0;
-    void add() {
-        std::lock_guard<std::mutex> l(m);
-        ++n;
-        cv.notify_all();
-    }
+    std::atomic<int> n{0};
+    void add() { ++n; }
     bool waitFor(int want) {
-        std::unique_lock<std::mutex> l(m);
-        return cv.wait_for(l, std::chrono::seconds(60), [&] { return n >= want; });
+        return waitUntil([&] { return n.load() >= want; }, 60);
     }
 };
 
