@@ -6,7 +6,8 @@ The tool copies the tracked tree to a scratch directory, builds it once
 (Release, tests only), then for each mutant puts the fault in, rebuilds
 incrementally, runs ctest (without the soak cases) and restores the file.
 
-  killed          a test failed (or timed out): the suite caught the fault
+  killed          a test failed (or timed out, marked so): the suite caught
+                  the fault
   survived        every test passed: a missing test or an equivalent mutant
   build-failed    the mutant does not compile; not counted either way
   not-found       the original text is no longer in the file (the library
@@ -178,13 +179,15 @@ def copy_tree(scratch):
     return src
 
 
-def first_failure(build):
-    log = os.path.join(build, "Testing", "Temporary", "LastTestsFailed.log")
-    try:
-        lines = [l.strip().split(":", 1)[-1] for l in open(log) if l.strip()]
-        return lines[0] if lines else "?"
-    except OSError:
-        return "?"
+def run_suite(cmd, build, log):
+    """ctest's status and the first failing test ("name" or "name (timeout)")."""
+    p = subprocess.run(cmd, cwd=build, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                       universal_newlines=True)
+    with open(log, "a") as f:
+        f.write(p.stdout)
+    m = re.search(r"Test +#\d+: (\S+) \.*\*\*\*(\w+)", p.stdout)
+    by = "?" if not m else m.group(1) + (" (timeout)" if m.group(2) == "Timeout" else "")
+    return p.returncode, by
 
 
 def main():
@@ -215,14 +218,15 @@ def main():
     open(log, "w").close()
     jobs = str(args.j)
     build_cmd = ["cmake", "--build", build, "-j", jobs]
-    ctest = ["ctest", "-LE", "soak", "-j", jobs, "--timeout", str(args.timeout), "--stop-on-failure", "-Q"]
+    ctest = ["ctest", "-LE", "soak", "-j", jobs, "--timeout", str(args.timeout), "--stop-on-failure"]
 
     print("scratch tree %s, log %s" % (src, log), flush=True)
     if sh(["cmake", "-S", src, "-B", build, "-DCMAKE_BUILD_TYPE=Release", "-DKEL_BUILD_BENCH=OFF",
            "-DKEL_BUILD_EXAMPLES=OFF"], src, log) != 0 or sh(build_cmd, src, log) != 0:
         sys.exit("the unmutated tree does not build; see " + log)
-    if sh(ctest, build, log) != 0:
-        sys.exit("the unmutated suite fails (%s); see %s" % (first_failure(build), log))
+    rc, by = run_suite(ctest, build, log)
+    if rc != 0:
+        sys.exit("the unmutated suite fails (%s); see %s" % (by, log))
 
     results = []
     for name, path, orig, repl in mutants:
@@ -241,10 +245,9 @@ def main():
                 f.write("\n===== mutant %s (%s)\n" % (name, path))
             if sh(build_cmd, src, log) != 0:
                 status, by = "build-failed", ""
-            elif sh(ctest, build, log) != 0:
-                status, by = "killed", first_failure(build)
             else:
-                status, by = "survived", ""
+                rc, by = run_suite(ctest, build, log)
+                status, by = ("killed", by) if rc != 0 else ("survived", "")
         finally:
             with open(target, "w") as f:
                 f.write(text)
