@@ -185,7 +185,7 @@ def run_suite(cmd, build, log):
                        universal_newlines=True)
     with open(log, "a") as f:
         f.write(p.stdout)
-    m = re.search(r"Test +#\d+: (\S+) \.*\*\*\*(\w+)", p.stdout)
+    m = re.search(r"Test +#\d+: (\S+) \.*[^*\n]*\*\*\*(\w+)", p.stdout)
     by = "?" if not m else m.group(1) + (" (timeout)" if m.group(2) == "Timeout" else "")
     return p.returncode, by
 
