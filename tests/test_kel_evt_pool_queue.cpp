@@ -104,11 +104,14 @@ TEST_F(EventStore, QueueLifoOnFullQueueDropsNewestAndReleasesIt) {
         Kel::gc(e);
     }
     EXPECT_EQ(order, (std::vector<int>{5, 0, 1, 2, 3}));
-    Kel::gc(evs[6]);  // refused, still its creator's
-    for (int round = 0; round < 3; ++round) {
-        for (int i = 0; i < 5; ++i) ASSERT_TRUE(q.post(evs[i], 0));
-        for (int i = 0; i < 5; ++i) EXPECT_EQ(q.get(), evs[i]);
-        for (int i = 0; i < 5; ++i) Kel::gc(evs[i]);
+    Kel::gc(evs[6]);                           // refused, still its creator's
+    for (int round = 0; round < 3; ++round) {  // as on a queue that never overflowed
+        for (int i = 0; i < 5; ++i)
+            ASSERT_TRUE(q.post(evs[i] = KelLoop::newEvt(100, sizeof(GeneralQEvt)), 0));
+        for (int i = 0; i < 5; ++i) {
+            EXPECT_EQ(q.get(), evs[i]);
+            Kel::gc(evs[i]);
+        }
     }
 }
 
