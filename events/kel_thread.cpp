@@ -19,10 +19,13 @@ SimpleThread::SimpleThread() : mThread(), mRunning(false), mJoin(false) {
 }
 
 SimpleThread::~SimpleThread() {
-    // Memory ordering: relaxed; the value only decides whether to warn.
-    if (mRunning.load(std::memory_order_relaxed)) {
+    if (mRunning.load(std::memory_order_acquire)) {
         KEL_LOG(LOG_WARN, "Thread %lx went out of scope while running!", static_cast<unsigned long>(mThread));
     }
+    // A thread that has just ended may still be inside its last unlock:
+    // taking the mutex once waits for that, so it is destroyed unused.
+    pthread_mutex_lock(&mMutex);
+    pthread_mutex_unlock(&mMutex);
     pthread_mutex_destroy(&mMutex);
 }
 
@@ -45,11 +48,12 @@ void* SimpleThread::callback(void* arg) {
     self->cleanup();
 
     pthread_mutex_lock(&self->mMutex);
-    // Memory ordering: relaxed; writers are ordered by mMutex, and lock-free
-    // readers only report.
-    self->mRunning.store(false, std::memory_order_relaxed);
-    if (!self->mJoin) pthread_detach(pthread_self());
+    bool detach = !self->mJoin;
+    // The thread's last use of the object but the unlock below, which the
+    // destructor waits for: a caller that sees isRunning() false may delete.
+    self->mRunning.store(false, std::memory_order_release);
     pthread_mutex_unlock(&self->mMutex);
+    if (detach) pthread_detach(pthread_self());
     pthread_exit(nullptr);
 }
 
@@ -83,16 +87,13 @@ bool SimpleThread::join() {
         pthread_mutex_unlock(&mMutex);
         ret = pthread_join(mThread, nullptr);
         pthread_mutex_lock(&mMutex);
-        if (ret == 0) mRunning.store(false, std::memory_order_relaxed);
+        if (ret == 0) mRunning.store(false, std::memory_order_release);
     }
     pthread_mutex_unlock(&mMutex);
     return ret == 0;
 }
 
-bool SimpleThread::isRunning() const {
-    // Memory ordering: relaxed; a snapshot for the caller, no data depends on it.
-    return mRunning.load(std::memory_order_relaxed);
-}
+bool SimpleThread::isRunning() const { return mRunning.load(std::memory_order_acquire); }
 
 unsigned long SimpleThread::id() { return static_cast<unsigned long>(mThread); }
 

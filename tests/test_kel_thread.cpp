@@ -164,3 +164,14 @@ TEST(SimpleThread, CancelledThreadRunsUntilJoinedAndWarnsWhenDropped) {
     EXPECT_EQ(cap.count(expected, LOG_WARN), 1);
     EXPECT_EQ(pthread_join(handle, nullptr), 0);
 }
+
+// Once isRunning() is false the thread is done with the object: deleting it
+// then is clean under the thread sanitizer (vtable and mutex included).
+TEST(SimpleThread, ObjectMayBeDeletedOnceItsThreadIsNotRunning) {
+    for (int i = 0; i < 20; ++i) {
+        Recorder* t = new Recorder;
+        ASSERT_TRUE(t->start());
+        ASSERT_TRUE(probe::waitFor([&] { return !t->isRunning(); }));
+        delete t;
+    }
+}
