@@ -56,7 +56,23 @@ struct Blocked : DaemonThread {
 
 void noop(void*) {}
 
+// Queued by a static initializer of this program, which in a static link
+// runs before the library's own: the default queue and the pool are made on
+// that first use, and every process of this binary exits with it done.
+std::atomic<bool> gEarlyRan{false};
+[[maybe_unused]] const bool gEarlyQueued = (kel_dispatch_async_t(
+                                                nullptr, [](void*) { gEarlyRan = true; }, nullptr),
+                                            true);
+
 }  // namespace
+
+TEST(ThreadExit, WorkQueuedBeforeTheLibrarysStaticsRunsAndExitStaysClean) {
+    EXPECT_TRUE(probe::waitFor([] { return gEarlyRan.load(); }));
+    // This process then exits with work running and queued.
+    kel_dispatch_async_t(
+        nullptr, [](void*) { sleep(120); }, nullptr);
+    kel_dispatch_async_t(nullptr, noop, nullptr);
+}
 
 TEST(ThreadExit, ProcessWithIdlePooledThreadsExitsCleanly) {
     expectCleanExit([] {
@@ -86,17 +102,22 @@ TEST(ThreadExit, ProcessWithAThreadInALongRunExitsWithoutWaitingForIt) {
     });
 }
 
-// The parent has idle and busy pooled threads and a default queue in use;
-// none of these threads exists in the child, which starts with an empty pool.
+// The parent has idle and busy pooled threads and a default queue with work
+// running and waiting; none of these threads exists in the child, which
+// starts with an empty pool and queues that run new work only.
 TEST(ThreadExit, ForkedChildOfAPoolUserExitsAlthoughItsThreadsAreMissing) {
     probe::Gate gate;
+    static std::atomic<int> ran{0};
     DaemonThread idle;
     ASSERT_TRUE(idle.start());
     Blocked busy;
     busy.gate = &gate;
     ASSERT_TRUE(busy.start());
-    kel_dispatch_async_t(nullptr, noop, nullptr);
-    ASSERT_TRUE(probe::waitFor([&] { return busy.inRun.load(); }));
+    kel_dispatch_async_t(
+        nullptr, [](void* g) { ran += 1, static_cast<probe::Gate*>(g)->wait(); }, &gate);
+    kel_dispatch_async_t(
+        nullptr, [](void*) { ran += 10; }, nullptr);  // pending at the fork
+    ASSERT_TRUE(probe::waitFor([&] { return busy.inRun.load() && ran.load() == 1; }));
     expectCleanExit([] {
         KelPoolCounts c = kel_pool_counts();
         if (c.used != 0 || c.free != 0 || c.alive != 0) _exit(4);
@@ -105,9 +126,13 @@ TEST(ThreadExit, ForkedChildOfAPoolUserExitsAlthoughItsThreadsAreMissing) {
         // is refused by the thread sanitizer and unreliable under emulation).
         DaemonThread fresh;
         if (!fresh.start()) _exit(5);
-        if (!probe::waitFor(probe::poolIdle)) _exit(6);
+        kel_dispatch_async_t(
+            nullptr, [](void*) { ran += 100; }, nullptr);
+        if (!probe::waitFor([] { return ran.load() == 101; })) _exit(6);
+        if (!probe::waitFor(probe::poolIdle)) _exit(7);
 #endif
     });
     gate.open();
+    ASSERT_TRUE(probe::waitFor([] { return ran.load() == 11; }));
     ASSERT_TRUE(probe::waitFor(probe::poolIdle));
 }
