@@ -36,7 +36,9 @@
 //   itself called fork() returns into its pass in the child, which then
 //   ends as the queue is empty.
 // - Work queued without a queue (null) goes to the process's default queue.
-//   At process exit its handle is dropped; work still queued then runs only
+//   It is made on first use, at library load at the latest, so static
+//   initializers may queue work too; the thread pool is made before it and
+//   destroyed after it. At process exit its handle is dropped; work still queued then runs only
 //   as long as the process lives, and null-queue work queued after main()
 //   has returned is dropped with a warning.
 #ifndef KEL_EVENTS_KEL_DISPATCH_H
