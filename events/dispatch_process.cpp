@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <string.h>
 
+#include <exception>
 #include <mutex>
 #include <new>
 
@@ -492,7 +493,14 @@ void QueuePrivate::procEventFunc() {
     locked = true;
     pthread_mutex_unlock(&lock);
 
-    (item->fn_data->*item->fn)();
+    // A callback that throws: its item is finished as if it had returned,
+    // then the exception leaves queueProcess.
+    std::exception_ptr thrown;
+    try {
+        (item->fn_data->*item->fn)();
+    } catch (...) {
+        thrown = std::current_exception();
+    }
 
     pthread_mutex_lock(&lock);
     KEL_ASSERT(locked);
@@ -509,6 +517,7 @@ void QueuePrivate::procEventFunc() {
         pthread_cond_broadcast(&cond);
         pthread_mutex_lock(&lock);
     }
+    if (thrown) std::rethrow_exception(thrown);
 }
 
 // Called with `lock` released.
@@ -530,6 +539,12 @@ void QueuePrivate::_appendTimer(ItemTimer* item) {
     KEL_DEBUG_ASSERT(mutexHeld());
     ItemTimer* prev = nullptr;
     ItemTimer* p = timerhead;
+    // The entry whose callback runs stays first, whatever the new deadline
+    // (a negative delay): procTimer takes it off the head afterwards.
+    if (timerProc && p != nullptr) {
+        prev = p;
+        p = nextTimer(p);
+    }
     while (p != nullptr && p->tiggerTime <= item->tiggerTime) {
         prev = p;
         p = nextTimer(p);
@@ -613,7 +628,14 @@ void QueuePrivate::procTimer() {
     timerProc = true;
     pthread_mutex_unlock(&lock);
 
-    (cur->fn_data->*cur->fn)();
+    // A callback that throws: its entry goes home, not re-armed, then the
+    // exception leaves queueProcess.
+    std::exception_ptr thrown;
+    try {
+        (cur->fn_data->*cur->fn)();
+    } catch (...) {
+        thrown = std::current_exception();
+    }
 
     pthread_mutex_lock(&lock);
     KEL_ASSERT(timerProc);
@@ -621,8 +643,9 @@ void QueuePrivate::procTimer() {
     wakeLockers();
     timerhead = nextTimer(cur);
 
+    // `that` is null when the timer was destroyed during its callback.
     Timer* t = cur->that;
-    bool rearm = t->isRunning() && t->repeat();
+    bool rearm = !thrown && t != nullptr && t->isRunning() && t->repeat();
     // A repeating timer restarted from its own callback already has its new
     // entry on the list; that one counts and the running entry goes, so the
     // timer never has two entries pending.
@@ -635,6 +658,7 @@ void QueuePrivate::procTimer() {
     } else {
         recycle(cur);
     }
+    if (thrown) std::rethrow_exception(thrown);
 }
 
 // ---------------------------------------------------------------------------
@@ -695,6 +719,16 @@ void Queue::queueProcess(int timeout) {
     d->in_process_thread = pthread_self();
     if (d->lock_requests != 0) pthread_cond_broadcast(&d->cond);
 
+    // A callback that threw has had its item finished; the queue is left
+    // with no thread processing, ready for the next call.
+    struct LeaveOnThrow {
+        QueuePrivate* d;
+        ~LeaveOnThrow() {
+            if (d == nullptr) return;
+            d->in_process = false;
+            pthread_mutex_unlock(&d->lock);
+        }
+    } leave{d};
     for (;;) {
         if (d->lock_requests != 0) {
             pthread_cond_wait(&d->cond, &d->lock);
@@ -713,6 +747,7 @@ void Queue::queueProcess(int timeout) {
             break;
         }
     }
+    leave.d = nullptr;
 
     KEL_ASSERT(!d->locked);
     d->in_process = false;
@@ -780,12 +815,16 @@ Timer::Timer(Queue* q)
     : d(q->d->ref()), mIsRunning(false), mRepeat(false), mMSec(0), fn(nullptr), ctx(nullptr) {}
 
 // Entries left on the list are removed here, so an armed timer may be
-// destroyed without stopping it first (outside its own callback).
+// destroyed without stopping it first. If its callback runs (this is that
+// callback, or it runs on another thread), the firing entry forgets the
+// timer and goes home when the callback returns.
 Timer::~Timer() {
     {
         PthreadAutolock guard(&d->lock);
         mIsRunning.store(false, std::memory_order_relaxed);
         d->removeTimer(this);
+        if (d->timerProc && d->timerhead != nullptr && d->timerhead->that == this)
+            d->timerhead->that = nullptr;
     }
     d->unref();
 }

@@ -75,9 +75,15 @@ inline Object::Callback1 FUNC(T fn) {
 // processing thread, with no lock held. A pending callback comes before a
 // due timer.
 //
-// Limits: a callback must not throw, must not call run() or queueProcess()
-// on its own queue, and must not take the explicit lock of its own queue.
-// A null `fn` must not be queued; a null target asserts.
+// Limits: a callback must not call run() or queueProcess() on its own
+// queue, and must not take the explicit lock of its own queue. A null `fn`
+// must not be queued; a null target asserts.
+//
+// Exceptions: a callback (or timer callback) that throws has its item
+// finished as if it had returned (an auto-free target is deleted, a waiter
+// in run() returns; a timer entry goes home, not re-armed), and the
+// exception then leaves queueProcess, with the queue ready for the next
+// call.
 class KEL_API Queue : public Object {
 public:
     Queue();
@@ -161,9 +167,9 @@ private:
 // isRunning() until stop().
 //
 // Limits: 0 <= msec <= 2147483 (a little under 36 minutes). The target must
-// stay alive as long as the timer can fire. A timer must not be destroyed
-// from its own callback, nor while its callback runs on another thread;
-// destroying an armed timer otherwise is fine.
+// stay alive as long as the timer can fire. A timer may be destroyed at any
+// time, armed or not, also from its own callback: it never fires again (a
+// callback already running on another thread runs to its end).
 class KEL_API Timer : public Object {
 public:
     // `q` must not be null; the timer keeps the queue's body alive.
