@@ -31,7 +31,7 @@ namespace {
 
 // ------------------------------------------------------------- messages
 
-enum AppSignal { SIG_STATUS = SIG_INNER_PROC + 1, SIG_START_MACHINE };
+enum AppSignal { SIG_STATUS = SIG_INNER_MAX, SIG_START_MACHINE };
 enum StateMsg { EV_POWER_ON = 1, EV_CONNECTED, EV_CONNECT_FAILED, EV_RETRY, EV_SHUTDOWN };
 enum StateIndex { IDLE, CONNECTING, RUNNING, ERROR, STATE_COUNT };
 
