@@ -230,9 +230,8 @@ public:
     };
 
     Loop();
-    // Not virtual: destroy a loop through its own type. Asserts setQueue()
-    // was called.
-    ~Loop();
+    // Asserts setQueue() was called.
+    virtual ~Loop();
 
     void setQueue(Queue* queue);
     // Handles one event. The reference is valid for the call only.

@@ -58,7 +58,11 @@ public:
 
     // Starts the framework in a process: signal handling (unless bit
     // 0x1000000), the logging library (unless bit 0x2000000), Kel::init.
-    // Call once, before the first use of events.
+    // Call once, before the first use of events. Only those two switch bits
+    // of `def_level` count: its low bits are ignored and set no log level
+    // (use KEL_LOG_LEVEL or kellog::kel_log_set_level, msg_logger.h).
+    // 0x1000000 leaves SIGTERM and SIGPIPE at their default actions;
+    // 0x2000000 is for a process that starts the logging library itself.
     static void init_all(unsigned int def_level, const char* name, const char* confpath);
     // Kel::init's counterpart, for applications that drive `getMessage` or
     // got -1 from `execLoop`. Harmless after `execLoop` returned 0.

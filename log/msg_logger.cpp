@@ -4,12 +4,14 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -64,6 +66,51 @@ void writeLine(const char* buf, int n) {
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
+// A threshold given as a level's name (any case) or as a decimal number,
+// up to the end of the line; blanks around it are allowed. False for
+// anything else.
+bool parseLevel(const char* text, int* level) {
+    static const struct {
+        const char* name;
+        int level;
+    } names[] = {{"dump", LOG_DUMP},
+                 {"debug", LOG_DEBUG},
+                 {"info", LOG_INFO},
+                 {"warn", LOG_WARN},
+                 {"error", LOG_ERROR}};
+    const char* p = text + strspn(text, " \t");
+    size_t n = strcspn(p, " \t\r\n");
+    const char* rest = p + n + strspn(p + n, " \t\r");
+    if (n == 0 || (*rest != '\0' && *rest != '\n')) return false;
+    for (const auto& entry : names) {
+        if (strlen(entry.name) == n && strncasecmp(p, entry.name, n) == 0) {
+            *level = entry.level;
+            return true;
+        }
+    }
+    char* end = nullptr;
+    errno = 0;
+    long v = strtol(p, &end, 10);
+    if (end != p + n || errno != 0 || v < INT_MIN || v > INT_MAX) return false;
+    *level = static_cast<int>(v);
+    return true;
+}
+
+// Sets the threshold from `text`, or says in one line why not.
+void setLevelFrom(const char* source, const char* text) {
+    int level = 0;
+    if (parseLevel(text, &level)) {
+        kellog::kel_log_set_level(level);
+        return;
+    }
+    int shown = static_cast<int>(strcspn(text, "\r\n"));
+    __logprintf(
+        __FILE__, static_cast<int>(sizeof(__FILE__) - 1), __func__, static_cast<int>(sizeof(__func__) - 1),
+        __LINE__, LOG_ERROR,
+        "%s\"%.*s\" is not a log level (dump, debug, info, warn, error or a number); the level stays %d",
+        source, shown < 40 ? shown : 40, text, kellog::kel_log_get_level());
+}
+
 void readLevelFile(const char* confpath) {
     // Plain read(2): the file is tiny, and stdio would allocate.
     int fd = open(confpath, O_RDONLY | O_CLOEXEC);
@@ -77,7 +124,7 @@ void readLevelFile(const char* confpath) {
     if (!p) return;
     p = strchr(p, '=');
     if (!p) return;
-    kellog::kel_log_set_level(atoi(p + 1));
+    setLevelFrom("level=", p + 1);
 }
 
 }  // namespace
@@ -99,7 +146,7 @@ void kel_log_init(const char* confpath, const char* name) {
     }
     if (confpath) readLevelFile(confpath);
     const char* env = getenv("KEL_LOG_LEVEL");
-    if (env && *env) kel_log_set_level(atoi(env));
+    if (env && *env) setLevelFrom("KEL_LOG_LEVEL=", env);
 }
 
 void kel_log_default(const char* file, int, const char* func, int, int line, int level, const char* fmt,

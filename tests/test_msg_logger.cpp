@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <string>
+#include <utility>
 
 #include "msg_logger.h"
 
@@ -89,4 +90,21 @@ TEST(MsgLogger, ClosedReaderRaisesNoSigpipe) {
     EXPECT_EQ(_g_pipes.load(), 0);
     EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
     sigaction(SIGPIPE, &old, nullptr);
+}
+
+// KEL_LOG_LEVEL takes a level's name or a number; anything else keeps the
+// threshold and says so in one line.
+TEST(MsgLogger, InitTakesTheLevelFromTheEnvironmentByNameOrNumber) {
+    for (auto [text, level] :
+         {std::pair<const char*, int>{"debug", LOG_DEBUG}, {"WARN", LOG_WARN}, {"30", 30}}) {
+        setenv("KEL_LOG_LEVEL", text, 1);
+        kellog::kel_log_init(nullptr, "logtest");
+        EXPECT_EQ(kellog::kel_log_get_level(), level) << text;
+    }
+    setenv("KEL_LOG_LEVEL", "40x", 1);
+    std::string out = captureStderr([] { kellog::kel_log_init(nullptr, "logtest"); });
+    unsetenv("KEL_LOG_LEVEL");
+    EXPECT_EQ(kellog::kel_log_get_level(), 30);
+    EXPECT_NE(out.find("KEL_LOG_LEVEL=\"40x\" is not a log level"), std::string::npos) << out;
+    EXPECT_EQ(out.find('\n'), out.size() - 1) << "one line";
 }
