@@ -12,7 +12,9 @@
 // never destroyed, and `signal` has no sleeper to wake. So a timer stopped or
 // an event released after the loop has ended touches no destroyed mutex.
 // `uninit` waits for callers still inside the event mutex before destroying
-// it; only the first `uninit` after an `init` takes effect.
+// it; only the first `uninit` after an `init` takes effect. Mutual exclusion
+// holds across both switches: a thread never works on the pools under the
+// private mutex while another is inside the event mutex, or the reverse.
 #ifndef KEL_EVENTS_KEL_PORT_H
 #define KEL_EVENTS_KEL_PORT_H
 

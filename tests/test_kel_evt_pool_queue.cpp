@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
 #include <vector>
 
@@ -353,4 +354,30 @@ TEST_F(EventStore, ReleaseAfterUninitUsesNoDestroyedMutex) {
     Kel::signal();  // nobody to wake, nothing to lock
     KelLoop::uninit_all();
     EXPECT_EQ(freeBlocks(&loop), totalBlocks(&loop));
+}
+
+// Threads on the pools exclude each other also while the event mutex goes
+// (uninit) and comes back (init): one holds the lock across the switch, one
+// arrives during it.
+TEST_F(EventStore, PoolsStayExclusiveAcrossUninitAndInit) {
+    for (bool goingDown : {true, false}) {
+        std::atomic<bool> held{false}, inside{false}, arriving{false}, overlap{false};
+        std::thread holder([&] {
+            Kel::Autolock l;
+            inside = held = true;
+            waitUntil([&] { return arriving.load(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            inside = false;
+        });
+        waitUntil([&] { return held.load(); });
+        std::thread change([&] { goingDown ? Kel::uninit() : Kel::init(); });
+        waitUntil([&] { return Kel::isAlive() != goingDown; }, 0.2);
+        std::thread late([&] {
+            arriving = true;
+            Kel::Autolock l;
+            if (inside) overlap = true;
+        });
+        for (std::thread* t : {&holder, &change, &late}) t->join();
+        EXPECT_FALSE(overlap) << (goingDown ? "uninit" : "init");
+    }
 }
