@@ -117,7 +117,9 @@ void runBranch(const SigRequest& r) {
                 e->message = r.sig;
                 e->wParam = r.pid;
                 e->lParam = r.value;
-                loop->postLIFO(e);
+                // Refused (nothing queued may give way, or the loop has
+                // ended): the signal is lost, as the queue has logged.
+                if (!loop->postLIFO(e)) Kel::gc(e);
                 Kel::signal();
             }
             break;
@@ -314,9 +316,10 @@ bool KelLoop::post(const QEvt* e) {
     return ret;
 }
 
-void KelLoop::postLIFO(const QEvt* e) {
-    queue->postLIFO(e);
+bool KelLoop::postLIFO(const QEvt* e) {
+    bool ret = queue->postLIFO(e);
     if (!isLooping()) Kel::signal();
+    return ret;
 }
 
 bool KelLoop::postCmd(int cmd) {
@@ -392,9 +395,12 @@ bool KelLoop::dispatchInner(const QEvt* evt) {
             return true;
         }
         case SIG_STATE_DELAY_EVENT:
-            // Only procStateEvent makes these, and it needs a machine; an
-            // application that posts the signal itself must register one.
-            KEL_ASSERT(state_mache != nullptr);
+            // An application may post any signal: without a machine this one
+            // has no receiver, and it is released like any other.
+            if (state_mache == nullptr) {
+                KEL_LOG(LOG_ERROR, "[%d] Event has no state machine.", static_cast<int>(evt->sig));
+                return true;
+            }
             state_mache->postEvent(evt);
             return true;
         case SIG_SYSTEM_POWEROFF:
@@ -434,6 +440,8 @@ int KelLoop::execLoop() {
         }
         Kel::gc(evt);
     }
+    // No loop takes what is posted from here on: posts are refused.
+    queue->close();
     Kel::uninit();
     return 0;
 }
@@ -464,6 +472,12 @@ void KelLoop::recycleEvent(const QEvt* evt) { Kel::gc(evt); }
 
 void KelLoop::procStateEvent(StateList* st) {
     KEL_ASSERT(st != nullptr && state_mache != nullptr);
+    // Popped newest first and filled in from the back: the batch is oldest
+    // first, and goes ahead of everything queued in one step, so the loop
+    // sees all of it or none of it, even while it runs on another thread.
+    const QEvt** batch = st->replaySlots();
+    int end = st->size();
+    int first = end;
     while (!st->empty()) {
         const StateQEvt* o = st->pop();
         if (!state_mache->test_event(static_cast<int>(o->stateMsg))) continue;
@@ -474,9 +488,16 @@ void KelLoop::procStateEvent(StateList* st) {
         e->wParam = o->wParam;
         e->lParam = o->lParam;
         e->pHander = o->pHander;
-        // Popped newest first and each put at the very front: the loop takes
-        // them oldest first, ahead of everything already queued.
-        postLIFO(e);
+        batch[--first] = e;
+    }
+    if (first == end) return;
+    uint_fast16_t n = static_cast<uint_fast16_t>(end - first);
+    bool posted = queue->postLIFO(batch + first, n);
+    if (!isLooping()) Kel::signal();
+    // Refused (no room, or the loop has ended): the replay is lost, as the
+    // queue has logged; the blocks go home.
+    if (!posted) {
+        for (int i = first; i < end; ++i) Kel::gc(batch[i]);
     }
 }
 

@@ -27,6 +27,8 @@ Line<bool> _g_alive{{false}};
 // Threads inside (or about to enter) Kel_event_mutex_. uninit waits until it
 // is 0 before destroying the mutex.
 Line<int> _g_users{{0}};
+// Number of inits that took effect; see Kel::generation.
+Line<uint32_t> _g_generation{{0}};
 // Guards the pools outside init..uninit. Never destroyed.
 pthread_mutex_t _g_spare_mutex = PTHREAD_MUTEX_INITIALIZER;
 Line<uint32_t> _g_wakeups{{0}};
@@ -100,6 +102,7 @@ void Kel::init() {
     pthread_mutex_init(&Kel_event_mutex_, &mattr);
     pthread_mutexattr_destroy(&mattr);
     pthread_condattr_destroy(&attr);
+    _g_generation.v.fetch_add(1, std::memory_order_relaxed);
     _g_alive.v.store(true, std::memory_order_seq_cst);
     pthread_mutex_unlock(&_g_spare_mutex);
 }
@@ -114,6 +117,8 @@ void Kel::uninit() {
 }
 
 bool Kel::isAlive() { return _g_alive.v.load(std::memory_order_acquire); }
+
+uint32_t Kel::generation() { return _g_generation.v.load(std::memory_order_acquire); }
 
 void Kel::lock() {
     _g_users.v.fetch_add(1, std::memory_order_seq_cst);

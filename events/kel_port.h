@@ -54,6 +54,10 @@ public:
     static void uninit();
     // True between `init` and `uninit`.
     static bool isAlive();
+    // Number of `init` calls that took effect: a new value means the
+    // framework was started again. Memory ordering: raised before `init`
+    // publishes the live mutex (seq_cst store), read with acquire.
+    static uint32_t generation();
 
     // The loop's timed wait: lock, pthread_cond_timedwait, unlock.
     // Asserts that `init` has run.

@@ -361,7 +361,7 @@ std::atomic<long> gHandOverFull{0}, gSignalNoBlock{0}, gUserDropped{0}, gAppDrop
 void countingLog(const char*, int, const char*, int, int, int, const char* fmt, ...) {
     if (strcmp(fmt, "Application[%d] signal:%d dropped, hand-over full") == 0) {
         gHandOverFull.fetch_add(1);
-    } else if (strcmp(fmt, "not free blocks") == 0) {
+    } else if (strcmp(fmt, "not free blocks") == 0 || strcmp(fmt, "event not posted") == 0) {
         char name[17] = {0};
         prctl(PR_GET_NAME, name, 0, 0, 0);
         if (strcmp(name, "kel-signal") == 0) gSignalNoBlock.fetch_add(1);
