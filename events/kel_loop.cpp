@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -41,9 +42,11 @@ bool queueIsEmpty(void* q) { return static_cast<KelQueue*>(q)->isEmpty(); }
 // write(2) of a fixed record, never blocking. The signal thread allocates,
 // posts, wakes the loop and, for the error and exit branches, calls
 // occurSysError and exit(1) in plain thread context while the thread that
-// took the signal waits in its handler. A process with no signal thread of
-// its own (a child made by fork that did not call init_all) runs the branch
-// in the handler.
+// took the signal waits in its handler. Without a signal thread of its own
+// (a child made by fork that did not call init_all, or a failed creation)
+// the handler does only what is safe there; see signal_handler.
+// The signal thread ends at process exit (endSignalThread), so that nothing
+// of it is left behind.
 
 enum Branch { kOther, kInterrupt, kExit, kError, kUser, kTerminate };
 
@@ -79,10 +82,19 @@ struct SigRequest {
 };
 
 // Written by kel_signal_install before the handler is installed, read by the
-// handler. Memory ordering: release on install, acquire in the handler.
+// handler. Memory ordering: the descriptor is stored before the owner, both
+// with release; the handler loads the owner first (acquire), then the
+// descriptor. The owner is cleared (seq_cst) by endSignalThread.
 std::atomic<int> _g_sig_write_fd{-1};
 std::atomic<pid_t> _g_sig_owner{0};  // the process whose signal thread reads the pipe
 int _g_sig_read_fd = -1;
+pthread_t _g_sig_thread;
+// Handlers between their look at the owner and their write to the pipe.
+// Memory ordering: the increment and the load of the owner in the handler,
+// like the store of the owner and the load of this count in
+// endSignalThread, are sequentially consistent: either the handler sees no
+// owner, or endSignalThread waits for its write before closing the pipe.
+std::atomic<int> _g_sig_writers{0};
 
 // Branches in progress that may use the loop. The loop's destructor clears
 // `_loop` and then waits for this to be 0, so a branch never uses a loop
@@ -149,8 +161,8 @@ void* signalThreadMain(void*) {
         ssize_t n = read(_g_sig_read_fd, &r, sizeof r);
         if (n == static_cast<ssize_t>(sizeof r)) {
             runBranch(r);
-        } else if (n < 0 && errno != EINTR) {
-            return nullptr;
+        } else if (n == 0 || (n < 0 && errno != EINTR)) {
+            return nullptr;  // the write end was closed: process exit
         }
     }
 }
@@ -183,9 +195,15 @@ void signal_handler(int sig, siginfo_t* info, void*) {
     }
     SigRequest r = {sig, info ? static_cast<int32_t>(info->si_pid) : 0,
                     info ? static_cast<int32_t>(info->si_value.sival_int) : 0, 0};
-    int fd = _g_sig_write_fd.load(std::memory_order_acquire);
-    if (fd >= 0 && _g_sig_owner.load(std::memory_order_acquire) == getpid()) {
-        if (write(fd, &r, sizeof r) != static_cast<ssize_t>(sizeof r)) {
+    _g_sig_writers.fetch_add(1, std::memory_order_seq_cst);
+    // The owner first: its acquire makes the descriptor read after it the one
+    // stored before it, so a forked child never writes into its parent's pipe.
+    pid_t owner = _g_sig_owner.load(std::memory_order_seq_cst);
+    int fd = owner == getpid() ? _g_sig_write_fd.load(std::memory_order_relaxed) : -1;
+    if (fd >= 0) {
+        bool written = write(fd, &r, sizeof r) == static_cast<ssize_t>(sizeof r);
+        _g_sig_writers.fetch_sub(1, std::memory_order_release);
+        if (!written) {
             // The signal thread is that far behind: the request is refused
             // here rather than blocking the interrupted thread.
             KEL_LOG(LOG_ERROR, "Application[%d] signal:%d dropped, hand-over full",
@@ -193,16 +211,39 @@ void signal_handler(int sig, siginfo_t* info, void*) {
         } else if (b == kError || b == kExit) {
             // The signal thread ends the process. Should it be unable to (a
             // lock held by this thread), end it here after a while.
-            for (int i = 0; i < 500; ++i) {
-                timespec ts = {0, 10 * 1000 * 1000};
-                nanosleep(&ts, nullptr);
-            }
+            for (int i = 0; i < 500; ++i) poll(nullptr, 0, 10);
             _exit(1);
         }
-    } else {
-        runBranch(r);
+        errno = savedErrno;
+        return;
     }
+    _g_sig_writers.fetch_sub(1, std::memory_order_release);
+    // No signal thread: only what is safe in a handler. The branches that end
+    // the process end it with _exit(1), without occurSysError and the exit
+    // handlers, which are not safe here. In a forked child the loop is the
+    // parent's, so the posting branches act as with no loop; where creation of
+    // the signal thread failed, their request is dropped with one line.
+    if (b == kError || b == kExit || owner != 0 || __atomic_load_n(&_loop, __ATOMIC_SEQ_CST) == nullptr) {
+        _exit(1);
+    }
+    KEL_LOG(LOG_ERROR, "Application[%d] signal:%d dropped, no signal thread", static_cast<int>(getpid()), sig);
     errno = savedErrno;
+}
+
+// At process exit: closes the hand-over pipe, so that the signal thread
+// reads its end and returns, and joins it. Nothing to do in a forked child
+// (the thread is the parent's) or on the signal thread itself (a branch
+// that ends the process).
+void endSignalThread() {
+    if (_g_sig_owner.load(std::memory_order_seq_cst) != getpid()) return;
+    if (pthread_equal(pthread_self(), _g_sig_thread)) return;
+    // Handlers from here on find no signal thread.
+    _g_sig_owner.store(0, std::memory_order_seq_cst);
+    while (_g_sig_writers.load(std::memory_order_seq_cst) != 0) sched_yield();
+    close(_g_sig_write_fd.exchange(-1, std::memory_order_relaxed));
+    pthread_join(_g_sig_thread, nullptr);
+    close(_g_sig_read_fd);
+    _g_sig_read_fd = -1;
 }
 
 // Starts the signal thread of this process (once per process) and installs
@@ -225,9 +266,11 @@ void kel_signal_install() {
                 // Named here as well, so that it carries its name from the
                 // moment init_all returns, not from whenever it first runs.
                 pthread_setname_np(th, "kel-signal");
-                pthread_detach(th);
+                _g_sig_thread = th;
                 _g_sig_write_fd.store(fds[1], std::memory_order_release);
                 _g_sig_owner.store(getpid(), std::memory_order_release);
+                static bool registered = false;  // inherited by a forked child
+                if (!registered) registered = atexit(endSignalThread) == 0;
             } else {
                 KEL_LOG(LOG_WARN, "pthread_create failed, %d, %s", ret, strerror(ret));
                 close(fds[0]);

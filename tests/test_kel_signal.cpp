@@ -11,6 +11,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -350,6 +351,34 @@ TEST_F(FatalBranch, ExitBranchSkipsTheLoop) {
 TEST_F(FatalBranch, TermWithoutLoopExits) {
     EXPECT_EXIT(raiseInChild(SIGTERM, false), ::testing::ExitedWithCode(1),
                 "will poweroff or terminal, loop handler: \\(nil\\).*\\[exit handlers\\]");
+}
+
+// The signal thread is ended and joined on the way out, so that nothing of
+// it is left for a leak checker. Checked by an exit handler that runs after
+// the framework's own.
+TEST_F(FatalBranch, SignalThreadIsJoinedAtExit) {
+    auto child = [] {
+        atexit([] {
+            for (int i = 0; i < 2000 && threadsNamed("kel-signal") != 0; ++i) usleep(1000);
+            say(threadsNamed("kel-signal") == 0 ? "[joined]\n" : "[left]\n");
+        });
+        KelLoop::init_all(0, "kel-child", nullptr);
+        exit(0);
+    };
+    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "\\[joined\\]");
+}
+
+// A forked child without a signal thread of its own does in the handler only
+// what is safe there; the loop is the parent's, so SIGTERM ends the child.
+TEST_F(SignalLoop, TermInForkedChildWithoutSignalThreadEndsIt) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        raise(SIGTERM);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
 }
 
 // ------------------------------------------------------------------ storm
