@@ -226,7 +226,8 @@ void signal_handler(int sig, siginfo_t* info, void*) {
     if (b == kError || b == kExit || owner != 0 || __atomic_load_n(&_loop, __ATOMIC_SEQ_CST) == nullptr) {
         _exit(1);
     }
-    KEL_LOG(LOG_ERROR, "Application[%d] signal:%d dropped, no signal thread", static_cast<int>(getpid()), sig);
+    KEL_LOG(LOG_ERROR, "Application[%d] signal:%d dropped, no signal thread", static_cast<int>(getpid()),
+            sig);
     errno = savedErrno;
 }
 

@@ -60,7 +60,14 @@ public:
 
     // Starts the framework in a process: signal handling (unless bit
     // 0x1000000), the logging library (unless bit 0x2000000), Kel::init.
-    // Call once, before the first use of events.
+    // Call once, before the first use of events. The signal handling runs
+    // its branches on a thread "kel-signal", ended and joined at process
+    // exit. Where that thread is missing (a forked child that did not call
+    // init_all, or its creation failed) the handler does only what is safe
+    // in signal context: it logs; the error and exit branches, and in a
+    // forked child every branch that would post, end the process with
+    // _exit(1) (no occurSysError, no exit handlers); otherwise the request is
+    // dropped with the line "Application[%d] signal:%d dropped, no signal thread".
     static void init_all(unsigned int def_level, const char* name, const char* confpath);
     // Kel::init's counterpart, for applications that drive `getMessage` or
     // got -1 from `execLoop`. Harmless after `execLoop` returned 0.

@@ -77,6 +77,11 @@ public:
     // a difference means a wake-up came in between, and it does not sleep.
     // Memory ordering: acquire; pairs with the release in `signal`, so the
     // post or timer change made before a wake-up is visible to the loop.
+    // The fast paths that skip a lock (the timer list with nothing armed,
+    // KelQueue::isEmpty, a poster taking the event mutex only when the loop
+    // sleeps) are correct only because both sides of the handshake (count
+    // then sleeper flag in `signal`, flag then count in `wait`) are
+    // sequentially consistent: weakening either breaks them.
     static uint32_t wakeups();
 
     // An event of at least `evtSize` bytes from the first registered pool

@@ -270,7 +270,8 @@ TEST(KelQueue, LifoOnFullQueueNeverDropsTheLoopsCommands) {
         }
     };
     drain();
-    EXPECT_EQ(order, (std::vector<int>{103, 102, SIG_EVENT_LOOP_EXIT, SIG_SYSTEM_POWEROFF, SIG_EVENT_LOOP_EXIT}));
+    EXPECT_EQ(order,
+              (std::vector<int>{103, 102, SIG_EVENT_LOOP_EXIT, SIG_SYSTEM_POWEROFF, SIG_EVENT_LOOP_EXIT}));
 
     for (int i = 0; i < 5; ++i) q.post(ev(SIG_EVENT_LOOP_EXIT), 0);
     QEvt* refused = ev(104);
