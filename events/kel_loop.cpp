@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -41,9 +42,11 @@ bool queueIsEmpty(void* q) { return static_cast<KelQueue*>(q)->isEmpty(); }
 // write(2) of a fixed record, never blocking. The signal thread allocates,
 // posts, wakes the loop and, for the error and exit branches, calls
 // occurSysError and exit(1) in plain thread context while the thread that
-// took the signal waits in its handler. A process with no signal thread of
-// its own (a child made by fork that did not call init_all) runs the branch
-// in the handler.
+// took the signal waits in its handler. Without a signal thread of its own
+// (a child made by fork that did not call init_all, or a failed creation)
+// the handler does only what is safe there; see signal_handler.
+// The signal thread ends at process exit (endSignalThread), so that nothing
+// of it is left behind.
 
 enum Branch { kOther, kInterrupt, kExit, kError, kUser, kTerminate };
 
@@ -79,10 +82,19 @@ struct SigRequest {
 };
 
 // Written by kel_signal_install before the handler is installed, read by the
-// handler. Memory ordering: release on install, acquire in the handler.
+// handler. Memory ordering: the descriptor is stored before the owner, both
+// with release; the handler loads the owner first (acquire), then the
+// descriptor. The owner is cleared (seq_cst) by endSignalThread.
 std::atomic<int> _g_sig_write_fd{-1};
 std::atomic<pid_t> _g_sig_owner{0};  // the process whose signal thread reads the pipe
 int _g_sig_read_fd = -1;
+pthread_t _g_sig_thread;
+// Handlers between their look at the owner and their write to the pipe.
+// Memory ordering: the increment and the load of the owner in the handler,
+// like the store of the owner and the load of this count in
+// endSignalThread, are sequentially consistent: either the handler sees no
+// owner, or endSignalThread waits for its write before closing the pipe.
+std::atomic<int> _g_sig_writers{0};
 
 // Branches in progress that may use the loop. The loop's destructor clears
 // `_loop` and then waits for this to be 0, so a branch never uses a loop
@@ -117,7 +129,9 @@ void runBranch(const SigRequest& r) {
                 e->message = r.sig;
                 e->wParam = r.pid;
                 e->lParam = r.value;
-                loop->postLIFO(e);
+                // Refused (nothing queued may give way, or the loop has
+                // ended): the signal is lost, as the queue has logged.
+                if (!loop->postLIFO(e)) Kel::gc(e);
                 Kel::signal();
             }
             break;
@@ -147,8 +161,8 @@ void* signalThreadMain(void*) {
         ssize_t n = read(_g_sig_read_fd, &r, sizeof r);
         if (n == static_cast<ssize_t>(sizeof r)) {
             runBranch(r);
-        } else if (n < 0 && errno != EINTR) {
-            return nullptr;
+        } else if (n == 0 || (n < 0 && errno != EINTR)) {
+            return nullptr;  // the write end was closed: process exit
         }
     }
 }
@@ -181,9 +195,15 @@ void signal_handler(int sig, siginfo_t* info, void*) {
     }
     SigRequest r = {sig, info ? static_cast<int32_t>(info->si_pid) : 0,
                     info ? static_cast<int32_t>(info->si_value.sival_int) : 0, 0};
-    int fd = _g_sig_write_fd.load(std::memory_order_acquire);
-    if (fd >= 0 && _g_sig_owner.load(std::memory_order_acquire) == getpid()) {
-        if (write(fd, &r, sizeof r) != static_cast<ssize_t>(sizeof r)) {
+    _g_sig_writers.fetch_add(1, std::memory_order_seq_cst);
+    // The owner first: its acquire makes the descriptor read after it the one
+    // stored before it, so a forked child never writes into its parent's pipe.
+    pid_t owner = _g_sig_owner.load(std::memory_order_seq_cst);
+    int fd = owner == getpid() ? _g_sig_write_fd.load(std::memory_order_relaxed) : -1;
+    if (fd >= 0) {
+        bool written = write(fd, &r, sizeof r) == static_cast<ssize_t>(sizeof r);
+        _g_sig_writers.fetch_sub(1, std::memory_order_release);
+        if (!written) {
             // The signal thread is that far behind: the request is refused
             // here rather than blocking the interrupted thread.
             KEL_LOG(LOG_ERROR, "Application[%d] signal:%d dropped, hand-over full",
@@ -191,16 +211,40 @@ void signal_handler(int sig, siginfo_t* info, void*) {
         } else if (b == kError || b == kExit) {
             // The signal thread ends the process. Should it be unable to (a
             // lock held by this thread), end it here after a while.
-            for (int i = 0; i < 500; ++i) {
-                timespec ts = {0, 10 * 1000 * 1000};
-                nanosleep(&ts, nullptr);
-            }
+            for (int i = 0; i < 500; ++i) poll(nullptr, 0, 10);
             _exit(1);
         }
-    } else {
-        runBranch(r);
+        errno = savedErrno;
+        return;
     }
+    _g_sig_writers.fetch_sub(1, std::memory_order_release);
+    // No signal thread: only what is safe in a handler. The branches that end
+    // the process end it with _exit(1), without occurSysError and the exit
+    // handlers, which are not safe here. In a forked child the loop is the
+    // parent's, so the posting branches act as with no loop; where creation of
+    // the signal thread failed, their request is dropped with one line.
+    if (b == kError || b == kExit || owner != 0 || __atomic_load_n(&_loop, __ATOMIC_SEQ_CST) == nullptr) {
+        _exit(1);
+    }
+    KEL_LOG(LOG_ERROR, "Application[%d] signal:%d dropped, no signal thread", static_cast<int>(getpid()),
+            sig);
     errno = savedErrno;
+}
+
+// At process exit: closes the hand-over pipe, so that the signal thread
+// reads its end and returns, and joins it. Nothing to do in a forked child
+// (the thread is the parent's) or on the signal thread itself (a branch
+// that ends the process).
+void endSignalThread() {
+    if (_g_sig_owner.load(std::memory_order_seq_cst) != getpid()) return;
+    if (pthread_equal(pthread_self(), _g_sig_thread)) return;
+    // Handlers from here on find no signal thread.
+    _g_sig_owner.store(0, std::memory_order_seq_cst);
+    while (_g_sig_writers.load(std::memory_order_seq_cst) != 0) sched_yield();
+    close(_g_sig_write_fd.exchange(-1, std::memory_order_relaxed));
+    pthread_join(_g_sig_thread, nullptr);
+    close(_g_sig_read_fd);
+    _g_sig_read_fd = -1;
 }
 
 // Starts the signal thread of this process (once per process) and installs
@@ -223,9 +267,11 @@ void kel_signal_install() {
                 // Named here as well, so that it carries its name from the
                 // moment init_all returns, not from whenever it first runs.
                 pthread_setname_np(th, "kel-signal");
-                pthread_detach(th);
+                _g_sig_thread = th;
                 _g_sig_write_fd.store(fds[1], std::memory_order_release);
                 _g_sig_owner.store(getpid(), std::memory_order_release);
+                static bool registered = false;  // inherited by a forked child
+                if (!registered) registered = atexit(endSignalThread) == 0;
             } else {
                 KEL_LOG(LOG_WARN, "pthread_create failed, %d, %s", ret, strerror(ret));
                 close(fds[0]);
@@ -314,9 +360,10 @@ bool KelLoop::post(const QEvt* e) {
     return ret;
 }
 
-void KelLoop::postLIFO(const QEvt* e) {
-    queue->postLIFO(e);
+bool KelLoop::postLIFO(const QEvt* e) {
+    bool ret = queue->postLIFO(e);
     if (!isLooping()) Kel::signal();
+    return ret;
 }
 
 bool KelLoop::postCmd(int cmd) {
@@ -392,9 +439,12 @@ bool KelLoop::dispatchInner(const QEvt* evt) {
             return true;
         }
         case SIG_STATE_DELAY_EVENT:
-            // Only procStateEvent makes these, and it needs a machine; an
-            // application that posts the signal itself must register one.
-            KEL_ASSERT(state_mache != nullptr);
+            // An application may post any signal: without a machine this one
+            // has no receiver, and it is released like any other.
+            if (state_mache == nullptr) {
+                KEL_LOG(LOG_ERROR, "[%d] Event has no state machine.", static_cast<int>(evt->sig));
+                return true;
+            }
             state_mache->postEvent(evt);
             return true;
         case SIG_SYSTEM_POWEROFF:
@@ -434,6 +484,8 @@ int KelLoop::execLoop() {
         }
         Kel::gc(evt);
     }
+    // No loop takes what is posted from here on: posts are refused.
+    queue->close();
     Kel::uninit();
     return 0;
 }
@@ -464,6 +516,12 @@ void KelLoop::recycleEvent(const QEvt* evt) { Kel::gc(evt); }
 
 void KelLoop::procStateEvent(StateList* st) {
     KEL_ASSERT(st != nullptr && state_mache != nullptr);
+    // Popped newest first and filled in from the back: the batch is oldest
+    // first, and goes ahead of everything queued in one step, so the loop
+    // sees all of it or none of it, even while it runs on another thread.
+    const QEvt** batch = st->replaySlots();
+    int end = st->size();
+    int first = end;
     while (!st->empty()) {
         const StateQEvt* o = st->pop();
         if (!state_mache->test_event(static_cast<int>(o->stateMsg))) continue;
@@ -474,9 +532,16 @@ void KelLoop::procStateEvent(StateList* st) {
         e->wParam = o->wParam;
         e->lParam = o->lParam;
         e->pHander = o->pHander;
-        // Popped newest first and each put at the very front: the loop takes
-        // them oldest first, ahead of everything already queued.
-        postLIFO(e);
+        batch[--first] = e;
+    }
+    if (first == end) return;
+    uint_fast16_t n = static_cast<uint_fast16_t>(end - first);
+    bool posted = queue->postLIFO(batch + first, n);
+    if (!isLooping()) Kel::signal();
+    // Refused (no room, or the loop has ended): the replay is lost, as the
+    // queue has logged; the blocks go home.
+    if (!posted) {
+        for (int i = first; i < end; ++i) Kel::gc(batch[i]);
     }
 }
 

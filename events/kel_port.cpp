@@ -27,26 +27,43 @@ Line<bool> _g_alive{{false}};
 // Threads inside (or about to enter) Kel_event_mutex_. uninit waits until it
 // is 0 before destroying the mutex.
 Line<int> _g_users{{0}};
+// Number of inits that took effect; see Kel::generation.
+Line<uint32_t> _g_generation{{0}};
 // Guards the pools outside init..uninit. Never destroyed.
 pthread_mutex_t _g_spare_mutex = PTHREAD_MUTEX_INITIALIZER;
 Line<uint32_t> _g_wakeups{{0}};
 // True while the loop's thread is in (or entering) its timed wait.
 Line<bool> _g_sleeping{{false}};
 
-// Takes the event mutex if it is alive, the spare one otherwise.
+// Takes the event mutex if it is alive, the spare one otherwise. At no time
+// does one thread hold the event mutex while another holds the spare one:
+// - uninit clears _g_alive and then waits for the users of the event mutex.
+//   A thread that takes the spare mutex waits for them as well before it
+//   touches the pools.
+// - init holds the spare mutex while it sets _g_alive. A thread that got the
+//   spare mutex looks at _g_alive again under it and, if the event mutex has
+//   come alive meanwhile, goes back and takes that instead.
 // Memory ordering: the increment of _g_users and the load of _g_alive are
-// sequentially consistent, as are the store to _g_alive and the load of
-// _g_users in uninit: either uninit sees this user and waits for it, or this
-// user sees the mutex dead and keeps away from it.
+// sequentially consistent, as are the store to _g_alive in uninit and the
+// loads of _g_users there and here: either a thread that saw the mutex
+// alive is counted by the time _g_users is read, or it sees the mutex dead
+// and keeps away from it.
 pthread_mutex_t* acquireEventMutex() {
-    _g_users.v.fetch_add(1, std::memory_order_seq_cst);
-    if (_g_alive.v.load(std::memory_order_seq_cst)) {
-        pthread_mutex_lock(&Kel::Kel_event_mutex_);
-        return &Kel::Kel_event_mutex_;
+    for (;;) {
+        _g_users.v.fetch_add(1, std::memory_order_seq_cst);
+        if (_g_alive.v.load(std::memory_order_seq_cst)) {
+            pthread_mutex_lock(&Kel::Kel_event_mutex_);
+            return &Kel::Kel_event_mutex_;
+        }
+        _g_users.v.fetch_sub(1, std::memory_order_release);
+        pthread_mutex_lock(&_g_spare_mutex);
+        if (!_g_alive.v.load(std::memory_order_seq_cst)) {
+            // Holders of the event mutex from before uninit finish first.
+            while (_g_users.v.load(std::memory_order_seq_cst) != 0) sched_yield();
+            return &_g_spare_mutex;
+        }
+        pthread_mutex_unlock(&_g_spare_mutex);
     }
-    _g_users.v.fetch_sub(1, std::memory_order_release);
-    pthread_mutex_lock(&_g_spare_mutex);
-    return &_g_spare_mutex;
 }
 
 void releaseEventMutex(pthread_mutex_t* m) {
@@ -62,10 +79,19 @@ Kel::Autolock::~Autolock() { releaseEventMutex(mLocked); }
 
 void Kel::init() {
     // A second init over a live mutex would re-initialise it under a waiter;
-    // it is ignored instead.
-    if (_g_alive.v.load(std::memory_order_acquire)) return;
+    // it is ignored instead. The spare mutex is held across the switch, so
+    // that no thread works on the pools under it once the event mutex is
+    // handed out.
+    pthread_mutex_lock(&_g_spare_mutex);
+    if (_g_alive.v.load(std::memory_order_acquire)) {
+        pthread_mutex_unlock(&_g_spare_mutex);
+        return;
+    }
     pthread_condattr_t attr;
-    KEL_ASSERT(pthread_condattr_init(&attr) == 0);
+    if (pthread_condattr_init(&attr) != 0) {
+        pthread_mutex_unlock(&_g_spare_mutex);
+        KEL_ASSERT_FAIL();
+    }
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
     pthread_cond_init(&Kel_event_cond_, &attr);
     // Not recursive; adaptive like KelMutex: posters and the loop meet here
@@ -76,7 +102,9 @@ void Kel::init() {
     pthread_mutex_init(&Kel_event_mutex_, &mattr);
     pthread_mutexattr_destroy(&mattr);
     pthread_condattr_destroy(&attr);
+    _g_generation.v.fetch_add(1, std::memory_order_relaxed);
     _g_alive.v.store(true, std::memory_order_seq_cst);
+    pthread_mutex_unlock(&_g_spare_mutex);
 }
 
 void Kel::uninit() {
@@ -89,6 +117,8 @@ void Kel::uninit() {
 }
 
 bool Kel::isAlive() { return _g_alive.v.load(std::memory_order_acquire); }
+
+uint32_t Kel::generation() { return _g_generation.v.load(std::memory_order_acquire); }
 
 void Kel::lock() {
     _g_users.v.fetch_add(1, std::memory_order_seq_cst);

@@ -12,7 +12,9 @@
 // never destroyed, and `signal` has no sleeper to wake. So a timer stopped or
 // an event released after the loop has ended touches no destroyed mutex.
 // `uninit` waits for callers still inside the event mutex before destroying
-// it; only the first `uninit` after an `init` takes effect.
+// it; only the first `uninit` after an `init` takes effect. Mutual exclusion
+// holds across both switches: a thread never works on the pools under the
+// private mutex while another is inside the event mutex, or the reverse.
 #ifndef KEL_EVENTS_KEL_PORT_H
 #define KEL_EVENTS_KEL_PORT_H
 
@@ -52,6 +54,10 @@ public:
     static void uninit();
     // True between `init` and `uninit`.
     static bool isAlive();
+    // Number of `init` calls that took effect: a new value means the
+    // framework was started again. Memory ordering: raised before `init`
+    // publishes the live mutex (seq_cst store), read with acquire.
+    static uint32_t generation();
 
     // The loop's timed wait: lock, pthread_cond_timedwait, unlock.
     // Asserts that `init` has run.
@@ -71,6 +77,11 @@ public:
     // a difference means a wake-up came in between, and it does not sleep.
     // Memory ordering: acquire; pairs with the release in `signal`, so the
     // post or timer change made before a wake-up is visible to the loop.
+    // The fast paths that skip a lock (the timer list with nothing armed,
+    // KelQueue::isEmpty, a poster taking the event mutex only when the loop
+    // sleeps) are correct only because both sides of the handshake (count
+    // then sleeper flag in `signal`, flag then count in `wait`) are
+    // sequentially consistent: weakening either breaks them.
     static uint32_t wakeups();
 
     // An event of at least `evtSize` bytes from the first registered pool

@@ -115,6 +115,7 @@ public:
         if (++reports == 3) {
             // Ask for a status report the way an operator would: SIGUSR1.
             union sigval v;
+            v.sival_ptr = nullptr;  // all of it set: the kernel copies the whole union
             v.sival_int = reports;
             sigqueue(getpid(), SIGUSR1, v);
         }
