@@ -360,7 +360,14 @@ KelLoop::Turn KelLoop::waitEvent(const QEvt*& evt) {
         timer->processTimer();
         return kNextTurn;
     }
-    // A waiting event comes before sleep.
+    // A waiting event comes before sleep. Before sleeping the loop gives up
+    // the CPU once: a poster that the loop's wake-up preempted on the same
+    // CPU then runs on and posts more without signalling (the loop is not
+    // asleep), and the loop takes them in one stretch. Without this, on a
+    // single CPU every post wakes the loop, which preempts the poster,
+    // handles one event and sleeps again. With a CPU of its own the yield
+    // returns at once.
+    if (queue->isEmpty()) sched_yield();
     if (queue->isEmpty()) {
         // A post or wake-up since `seen` means no sleep; see Kel::wait.
         int ret = Kel::wait(&val, seen, queueIsEmpty, queue);

@@ -58,8 +58,9 @@ public:
     static void lock();
     static void unlock();
 
-    // Wakes the loop's thread: counts one wake-up and, if the loop sleeps,
-    // signals the event condition under the event mutex.
+    // Wakes the loop's thread: counts one wake-up and, if the loop sleeps
+    // and no other caller has woken it yet, takes the event mutex and
+    // signals the event condition. Any thread.
     static void signal();
     // The loop's timed wait until the absolute CLOCK_MONOTONIC `deadline`.
     // It does not sleep when a wake-up has been counted since `seen` or when
