@@ -242,9 +242,9 @@ public:
         return false;
     }
 
-    // Records come from and go back to the shared store. Caller holds
-    // `lock` (the store's mutex nests inside it). A take may throw
-    // std::bad_alloc, with nothing changed.
+    // Records come from and go back to the shared store. Any thread, with
+    // or without `lock` (the store's mutex nests inside it). A take may
+    // throw std::bad_alloc, with nothing changed.
     template <typename T>
     T* getNode(Object::Callback1 fn, Object* data, bool async, bool merge) {
         return new (gPool->take()) T(fn, data, async, merge);
@@ -291,7 +291,14 @@ QueuePrivate::QueuePrivate() {
     pthread_condattr_t attr;
     KEL_ASSERT(pthread_condattr_init(&attr) == 0);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    pthread_mutex_init(&lock, nullptr);
+    // Adaptive: a queuing thread and the processing thread meet on this
+    // mutex for a few instructions per item, so a contended lock spins
+    // briefly instead of sleeping at once.
+    pthread_mutexattr_t mattr;
+    pthread_mutexattr_init(&mattr);
+    pthread_mutexattr_settype(&mattr, PTHREAD_MUTEX_ADAPTIVE_NP);
+    pthread_mutex_init(&lock, &mattr);
+    pthread_mutexattr_destroy(&mattr);
     pthread_cond_init(&cond, &attr);
     pthread_condattr_destroy(&attr);
     // The first queue makes the store, also when several first queues are
@@ -329,14 +336,19 @@ void QueuePrivate::unref() {
 // item is dropped, and then nobody is woken.
 void QueuePrivate::enqueueItem(Object::Callback1 fn, Object* fn_data, bool merge, bool delobject) {
     bool wake;
+    // A plain item takes its node before the queue's mutex, so that the
+    // processing thread waits for the mutex only as long as the link takes.
+    // A mergeable one may turn out superfluous: it asks the store only once
+    // it knows that it needs a node.
+    DispatchItem* item = merge ? nullptr : getNode<DispatchItem>(fn, fn_data, true, false);
     {
         PthreadAutolock guard(&lock);
         if (merge) {
             for (DispatchItem* p = head; p != nullptr; p = p->next) {
                 if (p->mergeable && p->fn == fn && p->fn_data == fn_data) return;
             }
+            item = getNode<DispatchItem>(fn, fn_data, true, merge);
         }
-        DispatchItem* item = getNode<DispatchItem>(fn, fn_data, true, merge);
         item->delobject = delobject;
         wake = link(item);
     }
@@ -412,12 +424,22 @@ void QueuePrivate::procEventFunc() {
 
     (item->fn_data->*item->fn)();
 
+    // A finished item with no object to delete goes back to the store
+    // before the queue's mutex is taken again, so that queuing threads wait
+    // on that mutex only for the hand-over itself.
+    const bool async = item->asynchronous;
+    if (async && !item->delobject) {
+        recycle(item);
+        item = nullptr;
+    }
     pthread_mutex_lock(&lock);
     KEL_ASSERT(locked);
     locked = false;
-    if (item->asynchronous) {
-        if (item->delobject) delete item->fn_data;
-        recycle(item);
+    if (async) {
+        if (item != nullptr) {
+            delete item->fn_data;
+            recycle(item);
+        }
         wakeLockers();
     } else {
         // The waiter in run() is woken with the mutex free, so it does not
