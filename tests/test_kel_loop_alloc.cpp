@@ -136,7 +136,8 @@ TEST(KelLoopOneCpu, PostersSharingTheLoopsCpuAreServedInBatches) {
         t = std::thread([&] {
             for (int i = 0; i < kPerPoster; ++i) {
                 QEvt* e;
-                while ((e = KelLoop::newEvt(SIG_INNER_PROC + 1, sizeof(GeneralQEvt))) == nullptr) sched_yield();
+                while ((e = KelLoop::newEvt(SIG_INNER_PROC + 1, sizeof(GeneralQEvt))) == nullptr)
+                    sched_yield();
                 while (!loop.post(e)) sched_yield();
             }
         });
