@@ -33,6 +33,7 @@ Line<uint32_t> _g_wakeups{{0}};
 // Raised by the loop's thread under the event mutex as it enters its timed
 // wait; lowered by the first poster that signals it (so later posters find
 // the wake-up pending and send none) or by the loop as it leaves the wait.
+// Memory ordering: sequentially consistent with _g_wakeups (see signal).
 Line<bool> _g_sleeping{{false}};
 
 // Takes the event mutex if it is alive, the spare one otherwise.
