@@ -36,6 +36,13 @@ Line<uint32_t> _g_wakeups{{0}};
 // Memory ordering: sequentially consistent with _g_wakeups (see signal).
 Line<bool> _g_sleeping{{false}};
 
+// CPU of the poster that signalled the loop's current wait, -1 if none.
+// Memory ordering: relaxed; written and read under the event mutex.
+std::atomic<int> _g_waker_cpu{-1};
+// Whether the loop's last sleep was ended by a poster running on the loop's
+// own CPU. Loop thread only.
+bool _g_shared_cpu = false;
+
 // Takes the event mutex if it is alive, the spare one otherwise.
 // Memory ordering: the increment of _g_users and the load of _g_alive are
 // sequentially consistent, as are the store to _g_alive and the load of
@@ -127,6 +134,7 @@ void Kel::signal() {
     if (!_g_sleeping.v.load(std::memory_order_seq_cst)) return;
     if (!_g_sleeping.v.exchange(false, std::memory_order_seq_cst)) return;  // already being woken
     pthread_mutex_t* m = acquireEventMutex();
+    _g_waker_cpu.store(sched_getcpu(), std::memory_order_relaxed);
     pthread_mutex_unlock(m);
     if (m != &Kel_event_mutex_) return;  // no loop: nobody to wake
     // Sent after the unlock, so the woken loop does not block on the mutex
@@ -141,12 +149,17 @@ int Kel::wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*),
     lock();
     _g_sleeping.v.store(true, std::memory_order_seq_cst);
     if (stillIdle(arg) && _g_wakeups.v.load(std::memory_order_seq_cst) == seen) {
+        _g_waker_cpu.store(-1, std::memory_order_relaxed);
         ret = pthread_cond_timedwait(&Kel_event_cond_, &Kel_event_mutex_, deadline);
+        int waker = _g_waker_cpu.load(std::memory_order_relaxed);
+        _g_shared_cpu = waker >= 0 && waker == sched_getcpu();
     }
     _g_sleeping.v.store(false, std::memory_order_relaxed);
     unlock();
     return ret;
 }
+
+bool Kel::wokenFromOwnCpu() { return _g_shared_cpu; }
 
 uint32_t Kel::wakeups() { return _g_wakeups.v.load(std::memory_order_acquire); }
 
