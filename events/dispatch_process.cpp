@@ -57,38 +57,21 @@ struct LoopEvtItem {
 
 namespace {
 
-// A free node in a queue's cache, linked through its first word.
-struct FreeNode {
-    FreeNode* next;
-};
-
-// The free nodes one queue keeps for its own records. The list belongs to
-// the queue and is used under its mutex; the store knows the cache only to
-// leave its nodes out of the "used" count.
-struct NodeCache {
-    FreeNode* head = nullptr;
-    // Memory ordering: relaxed. Written under the queue's mutex; read by
-    // NodePool::profile() for a log line, which may be stale by one node.
-    std::atomic<int> count{0};
-    // Links in the store's list of caches, under the store's mMtx.
-    NodeCache* prev = nullptr;
-    NodeCache* next = nullptr;
-};
-
 inline ItemTimer* nextTimer(const ItemTimer* t) { return static_cast<ItemTimer*>(t->next); }
 
 // ---------------------------------------------------------------------------
-// Process-wide store of fixed-size nodes. Grows by one node whenever a take
-// finds it empty, never shrinks. Queues take nodes from it in batches into a
-// cache of their own and give them back only when they go (see NodeCache):
-// the store's lock is then taken once per batch, not once per record, and
-// the threads queuing work and the thread processing it meet only on the
-// queue's mutex. mMtx is a leaf lock: callers may hold a queue's mutex,
-// never the other way round.
+// Process-wide store of fixed-size nodes, shared by every queue. A node is
+// made (one heap allocation) only when a take finds no free node, one at a
+// time; a node given back is free for every queue at once; nothing goes back
+// to the heap. The free list is a stack, so the node given back last, still
+// warm in the cache of the thread that gave it, is the next one taken.
+// mMtx is a leaf lock: callers may hold a queue's mutex, never the other way
+// round. Its critical sections are a few pointer moves, and the mutex, the
+// list's root and the counters share one cache line.
 
 constexpr size_t maxOf(size_t a, size_t b, size_t c) { return a > b ? (a > c ? a : c) : (b > c ? b : c); }
 
-class NodePool {
+class alignas(64) NodePool {
 public:
     struct Node {
         static constexpr size_t kSize = maxOf(sizeof(DispatchItem), sizeof(ItemTimer), sizeof(LoopEvtItem));
@@ -100,70 +83,10 @@ public:
 
     NodePool() : mCount(0), mUsed(0) {}
 
-    // Fills the empty `cache` with up to `want` nodes: at least one (the
-    // store grows by one if it is empty), more only as far as the store
-    // already has them. Caller holds the cache's queue mutex. If the heap
-    // fails, the exception leaves store and cache as they were.
-    void refill(NodeCache* cache, int want) {
+    // A free node, made if there is none. Any thread. If the heap fails, the
+    // exception leaves the store as it was.
+    void* take() {
         Autolock guard(&mMtx);
-        FreeNode* first = nullptr;
-        int n = 0;
-        do {
-            first = new (take()->a) FreeNode{first};
-            ++n;
-        } while (n < want && !mPools.empty());
-        cache->head = first;
-        cache->count.store(n, std::memory_order_relaxed);
-    }
-
-    // Counts `cache` out of "used" from now on. Any thread.
-    void attach(NodeCache* cache) {
-        Autolock guard(&mMtx);
-        cache->next = mCaches;
-        if (mCaches != nullptr) mCaches->prev = cache;
-        mCaches = cache;
-    }
-
-    // Takes back every node of `cache` and forgets it. Caller is the
-    // cache's last user.
-    void detach(NodeCache* cache) {
-        Autolock guard(&mMtx);
-        if (cache->prev != nullptr) {
-            cache->prev->next = cache->next;
-        } else {
-            mCaches = cache->next;
-        }
-        if (cache->next != nullptr) cache->next->prev = cache->prev;
-        for (FreeNode* n = cache->head; n != nullptr;) {
-            FreeNode* next = n->next;
-            ListTable<Node>::iterator it(ListTable<Node>::ListItem::fromData(reinterpret_cast<Node*>(n)));
-            mPools.push_back(it);
-            n = next;
-        }
-        mUsed -= cache->count.load(std::memory_order_relaxed);
-        cache->head = nullptr;
-        cache->count.store(0, std::memory_order_relaxed);
-    }
-
-    // Logs the nodes holding records (nodes out of the store less those
-    // waiting in queue caches) and the nodes made. A snapshot: exact when no
-    // other thread works on a queue.
-    void profile() {
-        int used, made;
-        {
-            Autolock guard(&mMtx);
-            used = mUsed;
-            made = mCount;
-            for (NodeCache* c = mCaches; c != nullptr; c = c->next)
-                used -= c->count.load(std::memory_order_relaxed);
-        }
-        KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", used, made);
-    }
-
-private:
-    // Caller holds mMtx. If the heap fails, the exception leaves the
-    // counters as they were.
-    Node* take() {
         if (mPools.empty()) {
             Node blank;
             memset(&blank, 0, sizeof blank);
@@ -172,16 +95,35 @@ private:
         }
         ListTable<Node>::iterator it = mPools.pop_back();
         ++mUsed;
-        return &*it;
+        return it->a;
     }
 
-    // Written and read only under mMtx; mUsed counts nodes out of the
-    // store, those in caches included.
+    // Gives back a node from take, exactly once. Any thread.
+    void recycle(void* item) {
+        ListTable<Node>::iterator it(ListTable<Node>::ListItem::fromData(static_cast<Node*>(item)));
+        Autolock guard(&mMtx);
+        mPools.push_back(it);
+        --mUsed;
+    }
+
+    // Logs the nodes holding records and the nodes made. The counters are
+    // read under mMtx, so the line is a consistent snapshot.
+    void profile() {
+        int used, made;
+        {
+            Autolock guard(&mMtx);
+            used = mUsed;
+            made = mCount;
+        }
+        KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", used, made);
+    }
+
+private:
+    // Written and read only under mMtx.
     int mCount;
     int mUsed;
     KelMutex mMtx;
     ListTable<Node> mPools;
-    NodeCache* mCaches = nullptr;
 };
 
 // The node is sized for the largest record and aligned for the strictest;
@@ -301,36 +243,16 @@ public:
         return false;
     }
 
-    // Records come from and go back to this queue's own cache of free
-    // nodes (see NodePool). An empty cache is refilled from the store with
-    // 1, 2, 4 ... up to kCacheBatch nodes at a time, so that a queue with
-    // little work takes little. The cache keeps what it gets back until the
-    // body goes: a queue holds on to the nodes of its own peak. Caller
-    // holds `lock`. A take may throw std::bad_alloc, with nothing changed.
+    // Records come from and go back to the shared store. Any thread, with
+    // or without `lock` (the store's mutex nests inside it). A take may
+    // throw std::bad_alloc, with nothing changed.
     template <typename T>
     T* getNode(Object::Callback1 fn, Object* data, bool async, bool merge) {
-        return new (takeNode()) T(fn, data, async, merge);
+        return new (gPool->take()) T(fn, data, async, merge);
     }
-    LoopEvtItem* getLoopNode(Loop::Evt& e) { return new (takeNode()) LoopEvtItem{e, nullptr}; }
+    LoopEvtItem* getLoopNode(Loop::Evt& e) { return new (gPool->take()) LoopEvtItem{e, nullptr}; }
     // Takes back a record from getNode or getLoopNode, exactly once.
-    void recycle(void* item) {
-        cache.head = new (item) FreeNode{cache.head};
-        cache.count.store(cache.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    }
-    void* takeNode() {
-        if (cache.head == nullptr) {
-            gPool->refill(&cache, refillSize);
-            if (refillSize < kCacheBatch) refillSize *= 2;
-        }
-        FreeNode* n = cache.head;
-        cache.head = n->next;
-        // The next node was last written by whichever thread gave it back,
-        // often the processing thread: start fetching it for writing now.
-        if (cache.head != nullptr) __builtin_prefetch(cache.head, 1);
-        cache.count.store(cache.count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-        return n;
-    }
-    static constexpr int kCacheBatch = 32;
+    void recycle(void* item) { gPool->recycle(item); }
 
     // What a queuing thread and the processing thread both touch for every
     // callback sits together, behind the mutex, so that a hand-over of the
@@ -342,8 +264,6 @@ public:
     bool sleeping = false;  // the processing thread waits for work or a timer
     bool locked = false;
     bool in_process = false;
-    int refillSize = 1;
-    NodeCache cache;
     size_t lock_requests = 0;
     Object::Callback1 wakeup_fn = nullptr;
     Object* wakeup_ctx = nullptr;
@@ -372,7 +292,14 @@ QueuePrivate::QueuePrivate() {
     pthread_condattr_t attr;
     KEL_ASSERT(pthread_condattr_init(&attr) == 0);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    pthread_mutex_init(&lock, nullptr);
+    // Adaptive: a queuing thread and the processing thread meet on this
+    // mutex for a few instructions per item, so a contended lock spins
+    // briefly instead of sleeping at once.
+    pthread_mutexattr_t mattr;
+    pthread_mutexattr_init(&mattr);
+    pthread_mutexattr_settype(&mattr, PTHREAD_MUTEX_ADAPTIVE_NP);
+    pthread_mutex_init(&lock, &mattr);
+    pthread_mutexattr_destroy(&mattr);
     pthread_cond_init(&cond, &attr);
     pthread_condattr_destroy(&attr);
     // The first queue makes the store, also when several first queues are
@@ -380,7 +307,6 @@ QueuePrivate::QueuePrivate() {
     // publishes gPool to every thread that passes it.
     static std::once_flag made;
     std::call_once(made, [] { gPool = new NodePool; });
-    gPool->attach(&cache);
 }
 
 // A destructor cannot hand an exception to anyone: a body destroyed with work
@@ -396,7 +322,6 @@ QueuePrivate::~QueuePrivate() {
         timerhead = nextTimer(t);
         recycle(t);
     }
-    gPool->detach(&cache);
     pthread_cond_destroy(&cond);
     pthread_mutex_destroy(&lock);
 }
@@ -412,14 +337,19 @@ void QueuePrivate::unref() {
 // item is dropped, and then nobody is woken.
 void QueuePrivate::enqueueItem(Object::Callback1 fn, Object* fn_data, bool merge, bool delobject) {
     bool wake;
+    // A plain item takes its node before the queue's mutex, so that the
+    // processing thread waits for the mutex only as long as the link takes.
+    // A mergeable one may turn out superfluous: it asks the store only once
+    // it knows that it needs a node.
+    DispatchItem* item = merge ? nullptr : getNode<DispatchItem>(fn, fn_data, true, false);
     {
         PthreadAutolock guard(&lock);
         if (merge) {
             for (DispatchItem* p = head; p != nullptr; p = p->next) {
                 if (p->mergeable && p->fn == fn && p->fn_data == fn_data) return;
             }
+            item = getNode<DispatchItem>(fn, fn_data, true, merge);
         }
-        DispatchItem* item = getNode<DispatchItem>(fn, fn_data, true, merge);
         item->delobject = delobject;
         wake = link(item);
     }
@@ -502,12 +432,22 @@ void QueuePrivate::procEventFunc() {
         thrown = std::current_exception();
     }
 
+    // A finished item with no object to delete goes back to the store
+    // before the queue's mutex is taken again, so that queuing threads wait
+    // on that mutex only for the hand-over itself.
+    const bool async = item->asynchronous;
+    if (async && !item->delobject) {
+        recycle(item);
+        item = nullptr;
+    }
     pthread_mutex_lock(&lock);
     KEL_ASSERT(locked);
     locked = false;
-    if (item->asynchronous) {
-        if (item->delobject) delete item->fn_data;
-        recycle(item);
+    if (async) {
+        if (item != nullptr) {
+            delete item->fn_data;
+            recycle(item);
+        }
         wakeLockers();
     } else {
         // The waiter in run() is woken with the mutex free, so it does not

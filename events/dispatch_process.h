@@ -29,12 +29,12 @@
 //
 // Memory
 //   Pending callbacks, timer entries and loop events live in fixed-size
-//   nodes of one process-wide free list that grows on demand and never
-//   shrinks. Each queue takes nodes from it in small batches and keeps the
-//   ones it has used for its own next work; they go back to the list when
-//   the queue's body goes. Once every queue has reached its peak, no
-//   operation of this module touches the heap. Queue::profile counts only
-//   nodes holding work as used.
+//   nodes of one process-wide free list shared by all queues. A node is
+//   made only when a request finds none free, one at a time, and a node
+//   given back is at once free for any queue; nodes are never freed. So the
+//   store holds the process's peak of pending work, and once that peak has
+//   been reached no operation of this module touches the heap.
+//   Queue::profile logs the nodes holding work ("used") and those made.
 #ifndef KEL_EVENTS_DISPATCH_PROCESS_H
 #define KEL_EVENTS_DISPATCH_PROCESS_H
 

@@ -407,7 +407,15 @@ KelLoop::Turn KelLoop::waitEvent(const QEvt*& evt) {
         timer->processTimer();
         return kNextTurn;
     }
-    // A waiting event comes before sleep.
+    // A waiting event comes before sleep. A loop woken by a poster on its
+    // own CPU preempted that poster; before it sleeps again it gives the
+    // CPU back once, so that the poster runs on and posts more without
+    // signalling (the loop is not asleep), and the loop takes them in one
+    // stretch. Without this, on a single CPU every post wakes the loop,
+    // which handles one event and sleeps again. A loop woken from another
+    // CPU does not yield, so that no busy thread that shares its CPU can
+    // delay its next event.
+    if (queue->isEmpty() && Kel::wokenFromOwnCpu()) sched_yield();
     if (queue->isEmpty()) {
         // A post or wake-up since `seen` means no sleep; see Kel::wait.
         int ret = Kel::wait(&val, seen, queueIsEmpty, queue);

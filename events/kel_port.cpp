@@ -32,8 +32,19 @@ Line<uint32_t> _g_generation{{0}};
 // Guards the pools outside init..uninit. Never destroyed.
 pthread_mutex_t _g_spare_mutex = PTHREAD_MUTEX_INITIALIZER;
 Line<uint32_t> _g_wakeups{{0}};
-// True while the loop's thread is in (or entering) its timed wait.
+// Raised by the loop's thread under the event mutex as it enters its timed
+// wait; lowered by the first poster that signals it (so later posters find
+// the wake-up pending and send none) or by the loop as it leaves the wait.
+// Memory ordering: sequentially consistent with _g_wakeups (see signal).
 Line<bool> _g_sleeping{{false}};
+
+// CPU of the poster that signalled the loop's current wait, -1 if none.
+// Memory ordering: relaxed; written and read under the event mutex.
+std::atomic<int> _g_waker_cpu{-1};
+// Whether the loop's last sleep was ended by a poster running on the loop's
+// own CPU. Loop thread only.
+bool _g_shared_cpu = false;
+
 
 // Takes the event mutex if it is alive, the spare one otherwise. At no time
 // does one thread hold the event mutex while another holds the spare one:
@@ -131,22 +142,35 @@ void Kel::lock() {
 
 void Kel::unlock() { releaseEventMutex(&Kel_event_mutex_); }
 
+// No lost wake-up. A poster stores its event, then counts a wake-up, then
+// looks at the sleeper flag; the loop reads the count (`seen`), looks at its
+// queue and timers, then raises the flag and compares the count with `seen`
+// under the event mutex. Count and flag are sequentially consistent, so for
+// any post one of these holds:
+// - its count comes before the loop raises the flag: the loop's compare sees
+//   it (or `seen` already held it, and then the event was visible when the
+//   loop looked), and the loop does not sleep;
+// - its count comes after: the poster reads the flag after the loop raised
+//   it. It either clears the flag itself and signals, or finds it cleared by
+//   another poster that signals. A signalling poster takes the event mutex,
+//   which the loop holds from raising the flag until the wait releases it,
+//   so the signal reaches a waiting loop. The woken loop runs another turn;
+//   if that turn misses the later poster's event, its next compare sees the
+//   poster's count (which came before the flag was raised again) and it does
+//   not sleep.
+// So only the first poster after the loop goes to sleep pays for the mutex
+// and the signal: the others find the wake-up pending and return.
 void Kel::signal() {
-    // Memory ordering: the count goes up and then the sleeper flag is read,
-    // both sequentially consistent; the loop sets the flag and then reads the
-    // count (see wait). So either the loop sees this wake-up before it
-    // sleeps, or this call sees the loop asleep. A busy loop costs a poster
-    // no lock.
     _g_wakeups.v.fetch_add(1, std::memory_order_seq_cst);
     if (!_g_sleeping.v.load(std::memory_order_seq_cst)) return;
+    if (!_g_sleeping.v.exchange(false, std::memory_order_seq_cst)) return;  // already being woken
     pthread_mutex_t* m = acquireEventMutex();
+    _g_waker_cpu.store(sched_getcpu(), std::memory_order_relaxed);
     pthread_mutex_unlock(m);
     if (m != &Kel_event_mutex_) return;  // no loop: nobody to wake
-    // The loop holds the mutex from raising its flag until the wait gives it
-    // up, so having held it means the loop now waits (or has looked and not
-    // slept): the signal is not lost. Sent after the unlock, the woken loop
-    // does not block on the mutex again. Still counted as a user, so the
-    // condition is not destroyed under it.
+    // Sent after the unlock, so the woken loop does not block on the mutex
+    // again. Still counted as a user, so the condition is not destroyed
+    // under it.
     pthread_cond_signal(&Kel_event_cond_);
     _g_users.v.fetch_sub(1, std::memory_order_release);
 }
@@ -156,12 +180,17 @@ int Kel::wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*),
     lock();
     _g_sleeping.v.store(true, std::memory_order_seq_cst);
     if (stillIdle(arg) && _g_wakeups.v.load(std::memory_order_seq_cst) == seen) {
+        _g_waker_cpu.store(-1, std::memory_order_relaxed);
         ret = pthread_cond_timedwait(&Kel_event_cond_, &Kel_event_mutex_, deadline);
+        int waker = _g_waker_cpu.load(std::memory_order_relaxed);
+        _g_shared_cpu = waker >= 0 && waker == sched_getcpu();
     }
     _g_sleeping.v.store(false, std::memory_order_relaxed);
     unlock();
     return ret;
 }
+
+bool Kel::wokenFromOwnCpu() { return _g_shared_cpu; }
 
 uint32_t Kel::wakeups() { return _g_wakeups.v.load(std::memory_order_acquire); }
 

@@ -64,14 +64,19 @@ public:
     static void lock();
     static void unlock();
 
-    // Wakes the loop's thread: counts one wake-up and, if the loop sleeps,
-    // signals the event condition under the event mutex.
+    // Wakes the loop's thread: counts one wake-up and, if the loop sleeps
+    // and no other caller has woken it yet, takes the event mutex and
+    // signals the event condition. Any thread.
     static void signal();
     // The loop's timed wait until the absolute CLOCK_MONOTONIC `deadline`.
     // It does not sleep when a wake-up has been counted since `seen` or when
     // `stillIdle(arg)` (asked under the event mutex) is false. Returns 0 or
     // the error of pthread_cond_timedwait. Loop thread only.
     static int wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*), void* arg);
+    // True when the last sleep of `wait` was ended by a `signal` from a
+    // thread on the CPU the loop now runs on: the loop then preempted its
+    // poster. Loop thread only.
+    static bool wokenFromOwnCpu();
     // Number of wake-ups sent so far. The loop reads it before it looks at
     // its queue and timers and again under the event mutex before it sleeps:
     // a difference means a wake-up came in between, and it does not sleep.
