@@ -45,7 +45,6 @@ std::atomic<int> _g_waker_cpu{-1};
 // own CPU. Loop thread only.
 bool _g_shared_cpu = false;
 
-
 // Takes the event mutex if it is alive, the spare one otherwise. At no time
 // does one thread hold the event mutex while another holds the spare one:
 // - uninit clears _g_alive and then waits for the users of the event mutex.
