@@ -4,9 +4,10 @@
 // (`msgs` blocks each) and the timer list. One thread runs it with `execLoop`
 // (or repeated `getMessage`): each turn serves due timers first, then takes
 // one event, then sleeps in a timed wait until the next deadline or post.
-// Before it sleeps it yields the CPU once, so that posters sharing its CPU
-// run on and their events are taken in one stretch; only the first post
-// after it has gone to sleep wakes it. An application derives from it and overrides the virtual operations.
+// A loop woken by a poster on its own CPU yields that CPU once before it
+// sleeps again, so that the poster runs on and its events are taken in one
+// stretch; only the first post after the loop has gone to sleep wakes it.
+// An application derives from it and overrides the virtual operations.
 //
 // Thread rules:
 // - The loop's thread runs every timer handler, every virtual operation
