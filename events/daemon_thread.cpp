@@ -9,6 +9,7 @@
 #include <list>
 
 #include "common_log.h"
+#include "daemon_pool.h"
 
 typedef std::list<DaemonThreadPrivate*> ThreadList;
 

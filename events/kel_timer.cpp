@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "common_log.h"
+#include "kel_lock.h"
 #include "kel_mutex.h"
 #include "kel_port.h"
 

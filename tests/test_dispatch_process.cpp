@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "dispatch_private.h"  // timespecAfter, firesBefore
 #include "dispatch_process.h"
 #include "support/log_capture.h"
 #include "support/loop_helpers.h"
