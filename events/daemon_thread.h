@@ -104,7 +104,11 @@ private:
 
     // Guarded by the pool lock.
     DaemonThreadPrivate* dPtr;
+    // Memory ordering: release in setRunningStep, acquire in runningStep,
+    // so the text behind the pointer is visible too.
     std::atomic<const char*> mRunningStep;
+    // Memory ordering: stored with release by the pooled thread around
+    // run(), loaded with acquire by isRunning().
     std::atomic<bool> mChildRunning;
 };
 
