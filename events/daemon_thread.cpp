@@ -465,9 +465,7 @@ bool DaemonThread::start() {
     return thread->mRunning.load(std::memory_order_acquire);
 }
 
-bool DaemonThread::isRunning() {
-    return mChildRunning.load(std::memory_order_acquire);
-}
+bool DaemonThread::isRunning() { return mChildRunning.load(std::memory_order_acquire); }
 
 void DaemonThread::run() {}
 
@@ -475,9 +473,7 @@ void DaemonThread::threadExit() {}
 
 void DaemonThread::profile() { threadPool().profile(); }
 
-const char* DaemonThread::runningStep() const {
-    return mRunningStep.load(std::memory_order_acquire);
-}
+const char* DaemonThread::runningStep() const { return mRunningStep.load(std::memory_order_acquire); }
 
 void DaemonThread::setRunningStep(const char* step) { mRunningStep.store(step, std::memory_order_release); }
 
