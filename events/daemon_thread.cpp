@@ -9,6 +9,7 @@
 #include <list>
 
 #include "common_log.h"
+#include "daemon_pool.h"
 
 typedef std::list<DaemonThreadPrivate*> ThreadList;
 
@@ -99,8 +100,9 @@ public:
     static void forkChild();
 
     // Memory ordering: seq_cst store by the teardown, paired with the
-    // seq_cst increment of mInFlight and load in lock(); acquire loads
-    // elsewhere.
+    // seq_cst increment of mInFlight and load in lock(): at least one side
+    // sees the other, so nobody enters after the teardown has found the
+    // pool empty of users. Acquire loads elsewhere.
     std::atomic<bool> mThreadExit;
     pthread_mutex_t mMutex;
     ThreadList mUsedThread;
@@ -108,6 +110,9 @@ public:
     // Records whose threads belonged to the parent of a fork.
     ThreadList mOrphanThread;
     // Threads inside lock() ... unlock(), or about to enter.
+    // Memory ordering: seq_cst increment in lock() (see mThreadExit);
+    // release decrements, so the teardown that reads 0 with seq_cst sees
+    // everything done under the lock.
     std::atomic<int> mInFlight;
     // forkPrepare() took the pool lock.
     bool mForkLocked;
@@ -274,13 +279,8 @@ ThreadManage::ThreadManage() : mThreadExit(false), mInFlight(0), mForkLocked(fal
 }
 
 bool ThreadManage::lock() {
-    // Memory ordering: seq_cst increment then seq_cst load, against the
-    // teardown's seq_cst store of mThreadExit then load of mInFlight: at least
-    // one side sees the other, so nobody enters after the teardown has
-    // found the pool empty of users.
     mInFlight.fetch_add(1, std::memory_order_seq_cst);
     if (mThreadExit.load(std::memory_order_seq_cst)) {
-        // Memory ordering: release; pairs with the teardown's load.
         mInFlight.fetch_sub(1, std::memory_order_release);
         return false;
     }
@@ -290,8 +290,6 @@ bool ThreadManage::lock() {
 
 void ThreadManage::unlock() {
     pthread_mutex_unlock(&mMutex);
-    // Memory ordering: release, so the teardown that reads 0 with seq_cst
-    // (acquire) sees everything done under the lock.
     mInFlight.fetch_sub(1, std::memory_order_release);
 }
 
@@ -467,10 +465,7 @@ bool DaemonThread::start() {
     return thread->mRunning.load(std::memory_order_acquire);
 }
 
-bool DaemonThread::isRunning() {
-    // Memory ordering: acquire, paired with the release stores in runDeamon.
-    return mChildRunning.load(std::memory_order_acquire);
-}
+bool DaemonThread::isRunning() { return mChildRunning.load(std::memory_order_acquire); }
 
 void DaemonThread::run() {}
 
@@ -478,11 +473,7 @@ void DaemonThread::threadExit() {}
 
 void DaemonThread::profile() { threadPool().profile(); }
 
-const char* DaemonThread::runningStep() const {
-    // Memory ordering: acquire, paired with the release in setRunningStep, so
-    // the text behind the pointer is visible too.
-    return mRunningStep.load(std::memory_order_acquire);
-}
+const char* DaemonThread::runningStep() const { return mRunningStep.load(std::memory_order_acquire); }
 
 void DaemonThread::setRunningStep(const char* step) { mRunningStep.store(step, std::memory_order_release); }
 
@@ -497,7 +488,6 @@ void DaemonThread::setName(const char* name) {
 }
 
 void DaemonThread::runDeamon() {
-    // Memory ordering: release/acquire with isRunning().
     mChildRunning.store(true, std::memory_order_release);
     run();
     {

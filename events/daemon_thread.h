@@ -104,20 +104,12 @@ private:
 
     // Guarded by the pool lock.
     DaemonThreadPrivate* dPtr;
+    // Memory ordering: release in setRunningStep, acquire in runningStep,
+    // so the text behind the pointer is visible too.
     std::atomic<const char*> mRunningStep;
+    // Memory ordering: stored with release by the pooled thread around
+    // run(), loaded with acquire by isRunning().
     std::atomic<bool> mChildRunning;
 };
-
-// Pool figures for the framework's own tests and diagnostics (not exported
-// from the shared library). Any thread; takes the pool lock.
-struct KelPoolCounts {
-    int used;   // records bound to a task or on their way back
-    int free;   // idle records
-    int alive;  // operating-system threads of the pool that exist
-};
-KelPoolCounts kel_pool_counts();
-// Makes the pool if it does not exist yet. Called before anything that must
-// be destroyed ahead of the pool at exit is built (the work queues).
-void kel_pool_init();
 
 #endif

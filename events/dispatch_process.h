@@ -29,12 +29,10 @@
 //
 // Memory
 //   Pending callbacks, timer entries and loop events live in fixed-size
-//   nodes of one process-wide free list shared by all queues. A node is
-//   made only when a request finds none free, one at a time, and a node
-//   given back is at once free for any queue; nodes are never freed. So the
-//   store holds the process's peak of pending work, and once that peak has
-//   been reached no operation of this module touches the heap.
-//   Queue::profile logs the nodes holding work ("used") and those made.
+//   nodes shared by all queues. Nodes are made only when none is free and
+//   are never freed, so once the process's peak of pending work has been
+//   reached no operation of this module touches the heap. Queue::profile
+//   logs the nodes holding work ("used") and those made.
 #ifndef KEL_EVENTS_DISPATCH_PROCESS_H
 #define KEL_EVENTS_DISPATCH_PROCESS_H
 
@@ -49,10 +47,7 @@ namespace dispatch {
 
 class QueuePrivate;
 
-// Base of every class whose member functions are used as callbacks. In a
-// class with several bases, make Object the first one: the call is correct
-// either way, but the undefined-behaviour sanitizer's check of the object's
-// dynamic type misreports member calls whose target sits at an offset.
+// Base of every class whose member functions are used as callbacks.
 class KEL_API Object {
 public:
     // A no-argument member function of an Object subclass. A callback is
@@ -257,12 +252,6 @@ private:
     QueuePrivate* d;
     Queue* q;
 };
-
-namespace internal {
-// `now` advanced by `time_us` microseconds, with the seconds added clamped
-// at 10,000,000 (about 115 days). Used for the deadlines of timed waits.
-timespec timespecAfter(const timespec& now, int64_t time_us);
-}  // namespace internal
 
 }  // namespace dispatch
 

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "common_log.h"
+#include "daemon_pool.h"
 #include "daemon_thread.h"
 #include "kel_mutex.h"
 

@@ -139,7 +139,6 @@ void KelQueue::postLocked(const QEvt* e, QEQueueCtr nFree) {
     if (ev->poolId_ != 0) ++ev->refCtr_;
     m_nFree.store(nFree - 1, std::memory_order_relaxed);
     if (m_frontEvt.load(std::memory_order_relaxed) == nullptr) {
-        // Memory ordering: release; pairs with the acquire in isEmpty.
         m_frontEvt.store(e, std::memory_order_release);
     } else {
         QEQueueCtr head = m_head.load(std::memory_order_relaxed);

@@ -54,8 +54,8 @@ public:
     const QEvt* get();
 
     QEQueueCtr getNFree() const { return m_nFree.load(std::memory_order_relaxed); }
-    // Memory ordering: acquire, so that a taker that sees an event here also
-    // sees what the poster wrote into it before posting.
+    // A taker that sees an event here also sees what the poster wrote into
+    // it before posting (see m_frontEvt).
     bool isEmpty() const { return m_frontEvt.load(std::memory_order_acquire) == nullptr; }
     void showArgs();
 
@@ -80,6 +80,8 @@ private:
 
     // All fields are written under `mMtx`; the atomics let `isEmpty` and
     // `showArgs` read them without it.
+    // Memory ordering: an event is stored here with release, and `isEmpty`
+    // loads it with acquire; every other access is relaxed.
     std::atomic<const QEvt*> m_frontEvt;
     const QEvt** m_ring;
     QEQueueCtr m_end;

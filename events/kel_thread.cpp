@@ -10,6 +10,7 @@
 namespace {
 
 // Numbers the threads in their default names.
+// Memory ordering: relaxed; only uniqueness of the number matters.
 std::atomic<unsigned> _g_thread_seq{0};
 
 }  // namespace
@@ -36,7 +37,6 @@ void SimpleThread::cleanup() {}
 void* SimpleThread::callback(void* arg) {
     SimpleThread* self = static_cast<SimpleThread*>(arg);
     char name[16];
-    // Memory ordering: relaxed; only uniqueness of the number matters.
     snprintf(name, sizeof name, "kel-thr-%u",
              _g_thread_seq.fetch_add(1, std::memory_order_relaxed) % 10000000u);
     prctl(PR_SET_NAME, name, 0, 0, 0);
@@ -62,7 +62,6 @@ bool SimpleThread::start() {
     // counts as started, so true always means "a thread was created or runs".
     bool started;
     pthread_mutex_lock(&mMutex);
-    // Memory ordering: relaxed; mMutex orders every write of mRunning.
     if (!mRunning.load(std::memory_order_relaxed)) {
         int ret = pthread_create(&mThread, nullptr, callback, this);
         if (ret != 0) KEL_LOG(LOG_WARN, "pthread_create failed, %d, %s", ret, strerror(ret));
@@ -79,7 +78,6 @@ bool SimpleThread::start() {
 bool SimpleThread::join() {
     int ret = 0;
     pthread_mutex_lock(&mMutex);
-    // Memory ordering: relaxed; mMutex orders every write of mRunning.
     if (mRunning.load(std::memory_order_relaxed)) {
         // With mJoin set the thread no longer detaches itself, so it is
         // joined exactly once here even if it ends before pthread_join.

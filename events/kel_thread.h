@@ -94,7 +94,8 @@ private:
     // Written under mMutex, read without it by isRunning() and the destructor.
     // Memory ordering: the thread's end and join() store false with release,
     // lock-free readers load with acquire, so a reader that sees false also
-    // sees the thread's last use of the object.
+    // sees the thread's last use of the object; under mMutex, which orders
+    // every write, start() and join() read and write it relaxed.
     std::atomic<bool> mRunning;
     bool mJoin;
     // Orders the thread's end against start() and join().

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "common_log.h"
+#include "kel_lock.h"
 #include "kel_mutex.h"
 #include "kel_port.h"
 
@@ -13,6 +14,20 @@ namespace {
 inline bool before(const timespec& a, const timespec& b) {
     return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
 }
+
+// List order: a newly armed node goes ahead of a listed one only when its
+// deadline is strictly earlier, so equal deadlines stay in arming order.
+inline bool sortsAhead(const NodeTimer& armed, const NodeTimer& listed) {
+    return before(armed.time, listed.time);
+}
+
+// A node is due once its deadline lies strictly before the pass's clock.
+inline bool isDue(const NodeTimer& node, const timespec& now) { return before(node.time, now); }
+
+// Firing order within a pass: the pass walks the list from its back, so of
+// two due nodes the one further back fires first: the later deadline, and
+// among equal deadlines the one armed later.
+inline NodeTimer* firesNext(const NodeTimer* node) { return node->prev; }
 
 }  // namespace
 
@@ -170,10 +185,9 @@ void KelTimer::_addTimer(NodeTimer* timer) {
 }
 
 void KelTimer::insert(NodeTimer* timer) {
-    // Behind every node with an equal deadline.
     NodeTimer* tmp = root.next;
     while (tmp != &root) {
-        if (before(timer->time, tmp->time)) break;
+        if (sortsAhead(*timer, *tmp)) break;
         tmp = tmp->next;
     }
     tmp->addFirst(timer);
@@ -198,7 +212,7 @@ void KelTimer::takeOff(ATimer* proc, NodeTimer* keep) {
     for (NodeTimer* head : {&root, &pending}) {
         for (NodeTimer* tmp = head->next; tmp != head; tmp = tmp->next) {
             if (tmp->proc != proc) continue;
-            if (tmp == mWalk) mWalk = tmp->prev;
+            if (tmp == mWalk) mWalk = firesNext(tmp);
             tmp->del();
             if (head == &root) mArmed.fetch_sub(1, std::memory_order_release);
             if (tmp != keep) Kel::gc(tmp);
@@ -237,13 +251,12 @@ void KelTimer::processTimer() {
     PassScope pass(this);
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    // Walk from the latest deadline towards the earliest. A handler that
-    // removes the next node moves `mWalk` on (takeOff).
-    mWalk = root.prev;
+    // A handler that removes the next node moves `mWalk` on (takeOff).
+    mWalk = firesNext(&root);
     while (mWalk != &root) {
         NodeTimer* timeout = mWalk;
-        mWalk = timeout->prev;
-        if (!before(timeout->time, now)) continue;
+        mWalk = firesNext(timeout);
+        if (!isDue(*timeout, now)) continue;
         timeout->del();
         mArmed.fetch_sub(1, std::memory_order_release);
         ATimer* proc = timeout->proc;
@@ -281,7 +294,7 @@ bool KelTimer::getTimeout(timespec* val) {
     PthreadAutolock lock(&mutex);
     for (NodeTimer* timeout = root.next; timeout != &root; timeout = timeout->next) {
         if (!timeout->proc->isRunning()) continue;
-        if (before(timeout->time, now)) {
+        if (isDue(*timeout, now)) {
             isNeedWait = false;
         } else {
             *val = timeout->time;

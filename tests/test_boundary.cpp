@@ -150,7 +150,7 @@ TEST(DispatchBoundary, NullTargetsAndExtremeDelaysLeaveTheQueueWorking) {
     EXPECT_TRUE(assertsIn([&] { q.cancelFn(fn, nullptr); }, f, "cancelFn"));
     EXPECT_TRUE(assertsIn([&] { q.run(fn, nullptr); }, f, "run"));
     dispatch::Timer t(&q);
-    EXPECT_TRUE(assertsIn([&] { t.restart(0); }, f, "restart"));
+    EXPECT_TRUE(assertsIn([&] { t.restart(0); }, "dispatch_timer.cpp", "restart"));
     EXPECT_FALSE(t.isRunning());
     EXPECT_EQ(q.getNeedWait(), INT64_MAX);
     t.setHandler(fn, &c);

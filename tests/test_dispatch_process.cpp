@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "dispatch_private.h"  // timespecAfter, firesBefore
 #include "dispatch_process.h"
 #include "support/log_capture.h"
 #include "support/loop_helpers.h"
@@ -651,4 +652,23 @@ TEST_F(Dispatch, ThrowingCallbacksSelfDestroyingTimersAndNegativeDelaysFromCallb
     t.timer.restart(0);
     ASSERT_TRUE(poll(n, 1));
     EXPECT_EQ(trace.str(), "atabtn");
+}
+
+// The ordering rules by name: equal timer deadlines fire in arming order;
+// pending callbacks run before a due timer.
+TEST_F(Dispatch, FiresBeforeAndNextStepOrderTimersAndCallbacks) {
+    dispatch::ItemTimer listed(FUNC(&Rec::hit), nullptr, true, false), armed = listed;
+    listed.tiggerTime = armed.tiggerTime = 5;
+    EXPECT_TRUE(dispatch::firesBefore(listed, armed));
+    armed.tiggerTime = 4;
+    EXPECT_FALSE(dispatch::firesBefore(listed, armed));
+    Queue q;
+    Tick z(&trace, "z", &q);
+    Rec a(&trace, "a");
+    z.timer.restart(0);
+    std::this_thread::sleep_for(2ms);
+    q.enqueue(FUNC(&Rec::hit), &a);
+    q.enqueue(FUNC(&Rec::hit), &a);
+    q.queueProcess(0);
+    EXPECT_EQ(trace.str(), "aaz");
 }

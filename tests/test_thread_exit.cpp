@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 
+#include "daemon_pool.h"
 #include "daemon_thread.h"
 #include "kel_dispatch.h"
 #include "support/thread_probe.h"

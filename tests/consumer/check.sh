@@ -4,6 +4,8 @@
 # - builds the README's usage example with CMake's package config and with
 #   pkg-config, under strict warnings, and runs both without LD_LIBRARY_PATH;
 # - compiles every installed header under the same warnings;
+# - checks that every function declared (not defined) in an installed
+#   header is exported by libkel.so or libkellog.so (exports.py);
 # - checks that <syslog.h>, included before or after kel's headers, cannot
 #   turn a kel log level into a syslog priority unnoticed.
 #   check.sh [BUILD_DIR [TOOLCHAIN_FILE]]
@@ -49,6 +51,19 @@ cmake --build "$work/cmake" >/dev/null
 for h in "$inc"/*.h; do echo "#include \"$(basename "$h")\""; done >"$work/all.cpp"
 "$cxx" "${strict[@]}" -fsyntax-only -I"$inc" "$work/all.cpp"
 
+# Every function that an installed header declares without defining it is
+# exported by the installed libraries: names are compared as clang mangles
+# them for the host, so cross builds skip this.
+if [ -n "$toolchain" ]; then
+    exports="exports not checked (cross build)"
+elif command -v clang++ >/dev/null 2>&1; then
+    clang++ -std=c++17 -fsyntax-only -I"$inc" -Xclang -ast-dump=json "$work/all.cpp" >"$work/ast.json"
+    python3 "$src/tests/consumer/exports.py" "$work/ast.json" "$inc" "$libdir"/libkel.so "$libdir"/libkellog.so
+    exports="every declared function exported"
+else
+    exports="exports not checked (no clang++)"
+fi
+
 # <syslog.h> defines LOG_INFO and LOG_DEBUG as its own numbers.
 syslog_case() {  # $1: includes, in order; $2: body of f(); $3: "ok" or "rejected"
     printf '%s\nvoid f() { %s }\n' "$1" "$2" >"$work/syslog.cpp"
@@ -70,4 +85,4 @@ for order in "$sys"$'\n'"$kel" "$kel"$'\n'"$sys"; do
     syslog_case "$order" 'KEL_LOG(KEL_LOG_INFO, "x"); KEL_LOG(LOG_WARN, "x"); syslog(LOG_INFO, "x");' ok
 done
 echo "consumer: the README example runs from $prefix without LD_LIBRARY_PATH (CMake package" \
-    "and pkg-config${toolchain:+, cross}); headers clean under strict warnings; <syslog.h> clash caught"
+    "and pkg-config${toolchain:+, cross}); headers clean under strict warnings; $exports; <syslog.h> clash caught"

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "daemon_pool.h"
 #include "daemon_thread.h"
 #include "kel_dispatch.h"
 #include "soak.h"

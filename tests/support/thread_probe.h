@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "daemon_pool.h"
 #include "daemon_thread.h"
 #include "threads.h"
 
