@@ -1,17 +1,18 @@
 // Dispatch queue against a plain mutex + condition-variable serial executor:
-// enqueue+process throughput, synchronous round trip, and the lateness of a
-// 10 ms one-shot timer.
+// enqueue+process throughput on two CPUs and on one, the cost of enqueue
+// with the worker on the other CPU, synchronous round trip, and the
+// lateness of a 10 ms one-shot timer.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "cv_worker.h"
 #include "dispatch_process.h"
 
 using dispatch::FUNC;
@@ -24,77 +25,7 @@ namespace {
 
 constexpr int kBatch = 1000;
 
-// The baseline: one worker thread, a deque of tasks, one mutex, one condition.
-class CvExecutor {
-public:
-    typedef void (*Fn)(void*);
-
-    CvExecutor() : mThread([this] { loop(); }) {}
-    ~CvExecutor() {
-        {
-            std::lock_guard<std::mutex> g(mMutex);
-            mStop = true;
-        }
-        mCond.notify_one();
-        mThread.join();
-    }
-
-    void post(Fn fn, void* arg) {
-        {
-            std::lock_guard<std::mutex> g(mMutex);
-            mTasks.push_back({fn, arg});
-        }
-        mCond.notify_one();
-    }
-
-    // Runs `fn` on the worker and waits for it: a condition-variable hand-off.
-    void sync(Fn fn, void* arg) {
-        struct Done {
-            Done(Fn f, void* a) : fn(f), arg(a) {}
-            Fn fn;
-            void* arg;
-            std::mutex m;
-            std::condition_variable cv;
-            bool done = false;
-        } d(fn, arg);
-        post(
-            [](void* p) {
-                Done* d = static_cast<Done*>(p);
-                d->fn(d->arg);
-                std::lock_guard<std::mutex> g(d->m);
-                d->done = true;
-                d->cv.notify_one();
-            },
-            &d);
-        std::unique_lock<std::mutex> g(d.m);
-        d.cv.wait(g, [&] { return d.done; });
-    }
-
-private:
-    struct Task {
-        Fn fn;
-        void* arg;
-    };
-
-    void loop() {
-        std::unique_lock<std::mutex> g(mMutex);
-        for (;;) {
-            mCond.wait(g, [&] { return mStop || !mTasks.empty(); });
-            if (mTasks.empty()) return;
-            Task t = mTasks.front();
-            mTasks.pop_front();
-            g.unlock();
-            t.fn(t.arg);
-            g.lock();
-        }
-    }
-
-    std::mutex mMutex;
-    std::condition_variable mCond;
-    std::deque<Task> mTasks;
-    bool mStop = false;
-    std::thread mThread;
-};
+using bench::CvWorker;
 
 // Drives a dispatch queue with blocking processing calls on its own thread.
 class QueueDriver {
@@ -109,10 +40,28 @@ public:
         mThread.join();
     }
 
+    pthread_t handle() { return mThread.native_handle(); }
+
 private:
     Queue& mQueue;
     std::atomic<bool> mStop{false};
     std::thread mThread;
+};
+
+// Pins the calling thread and `worker` to `cpu` for a scope; -1 does nothing.
+struct Pin {
+    Pin(pthread_t worker, int cpu) : mWorker(worker), mCpu(cpu) {
+        if (mCpu < 0) return;
+        bench::pinThread(worker, cpu);
+        bench::pinThread(pthread_self(), cpu);
+    }
+    ~Pin() {
+        if (mCpu < 0) return;
+        bench::pinThread(mWorker, -1);
+        bench::pinThread(pthread_self(), -1);
+    }
+    pthread_t mWorker;
+    int mCpu;
 };
 
 struct Counter : public Object {
@@ -124,9 +73,11 @@ struct Counter : public Object {
 void cvCount(void* p) { ++static_cast<Counter*>(p)->n; }
 void cvNoop(void*) {}
 
+// Argument: the CPU every thread is pinned to, or -1 for no pinning.
 void BM_Throughput_Dispatch(benchmark::State& state) {
     Queue q;
     QueueDriver driver(q);
+    Pin pin(driver.handle(), static_cast<int>(state.range(0)));
     Counter c;
     for (auto _ : state) {
         for (int i = 0; i < kBatch; ++i) q.enqueue(FUNC(&Counter::hit), &c);
@@ -136,10 +87,52 @@ void BM_Throughput_Dispatch(benchmark::State& state) {
 }
 
 void BM_Throughput_CvExecutor(benchmark::State& state) {
-    CvExecutor ex;
+    CvWorker ex;
+    Pin pin(ex.handle(), static_cast<int>(state.range(0)));
     Counter c;
     for (auto _ : state) {
         for (int i = 0; i < kBatch; ++i) ex.post(cvCount, &c);
+        ex.sync(cvNoop, nullptr);
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+// The queuing side alone: the caller on CPU 0 and the worker on CPU 1; only
+// the enqueue calls are timed, the drain that follows each batch is not.
+struct TwoCpus {
+    explicit TwoCpus(pthread_t worker) : mWorker(worker) {
+        bench::pinThread(pthread_self(), 0);
+        bench::pinThread(worker, 1);
+    }
+    ~TwoCpus() {
+        bench::pinThread(pthread_self(), -1);
+        bench::pinThread(mWorker, -1);
+    }
+    pthread_t mWorker;
+};
+
+void BM_Enqueue_Dispatch(benchmark::State& state) {
+    Queue q;
+    QueueDriver driver(q);
+    TwoCpus pin(driver.handle());
+    Counter c;
+    for (auto _ : state) {
+        Clock::time_point t0 = Clock::now();
+        for (int i = 0; i < kBatch; ++i) q.enqueue(FUNC(&Counter::hit), &c);
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - t0).count());
+        q.run(FUNC(&Counter::noop), &c);
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BM_Enqueue_CvExecutor(benchmark::State& state) {
+    CvWorker ex;
+    TwoCpus pin(ex.handle());
+    Counter c;
+    for (auto _ : state) {
+        Clock::time_point t0 = Clock::now();
+        for (int i = 0; i < kBatch; ++i) ex.post(cvCount, &c);
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - t0).count());
         ex.sync(cvNoop, nullptr);
     }
     state.SetItemsProcessed(state.iterations() * kBatch);
@@ -153,7 +146,7 @@ void BM_RoundTrip_Dispatch(benchmark::State& state) {
 }
 
 void BM_RoundTrip_CvExecutor(benchmark::State& state) {
-    CvExecutor ex;
+    CvWorker ex;
     for (auto _ : state) ex.sync(cvNoop, nullptr);
 }
 
@@ -201,7 +194,7 @@ void BM_TimerLateness10ms_Dispatch(benchmark::State& state) {
 
 // The baseline timer: a worker sleeping in a timed condition wait.
 void BM_TimerLateness10ms_CvExecutor(benchmark::State& state) {
-    CvExecutor ex;
+    CvWorker ex;
     std::vector<double> late;
     struct Sleep {
         Clock::time_point due;
@@ -227,8 +220,10 @@ void BM_TimerLateness10ms_CvExecutor(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_Throughput_Dispatch)->UseRealTime();
-BENCHMARK(BM_Throughput_CvExecutor)->UseRealTime();
+BENCHMARK(BM_Throughput_Dispatch)->Arg(-1)->Arg(0)->UseRealTime();
+BENCHMARK(BM_Throughput_CvExecutor)->Arg(-1)->Arg(0)->UseRealTime();
+BENCHMARK(BM_Enqueue_Dispatch)->UseManualTime();
+BENCHMARK(BM_Enqueue_CvExecutor)->UseManualTime();
 BENCHMARK(BM_RoundTrip_Dispatch)->UseRealTime();
 BENCHMARK(BM_RoundTrip_CvExecutor)->UseRealTime();
 BENCHMARK(BM_TimerLateness10ms_Dispatch)->Iterations(200)->UseRealTime();

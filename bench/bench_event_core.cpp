@@ -1,15 +1,21 @@
 // The main loop's event path beside plain baselines in the same run:
 // - allocate + release an event vs malloc + free;
 // - post-to-procSubMsg round trip vs a mutex + condition-variable hand-off;
-// - one-producer throughput vs a bounded mutex + condition-variable queue.
+// - one-producer throughput vs a bounded mutex + condition-variable queue;
+// - the same with every thread on one CPU and 1, 2 or 4 producers.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <vector>
 
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 
+#include "cv_worker.h"
 #include "kel_loop.h"
 #include "kel_port.h"
 #include "msg_logger.h"
@@ -120,54 +126,17 @@ void BM_LoopRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(BM_LoopRoundTrip)->UseRealTime();
 
-// Baseline: a worker sleeping on a condition variable, woken per item.
-struct CvWorker {
-    std::mutex m;
-    std::condition_variable cv;
-    long posted = 0;
-    bool stop = false;
-    Reply reply;
-    std::thread th;
-    CvWorker() {
-        th = std::thread([this] {
-            long taken = 0;
-            for (;;) {
-                std::unique_lock<std::mutex> g(m);
-                cv.wait(g, [&] { return stop || posted > taken; });
-                if (stop) return;
-                ++taken;
-                g.unlock();
-                reply.signal();
-            }
-        });
-    }
-    ~CvWorker() {
-        {
-            std::lock_guard<std::mutex> g(m);
-            stop = true;
-        }
-        cv.notify_one();
-        th.join();
-    }
-};
-
 void BM_CondVarRoundTrip(benchmark::State& state) {
-    CvWorker w;
-    long seq = 0;
-    for (auto _ : state) {
-        {
-            std::lock_guard<std::mutex> g(w.m);
-            ++w.posted;
-        }
-        w.cv.notify_one();
-        w.reply.waitFor(++seq);
-    }
+    bench::CvWorker w;
+    for (auto _ : state) w.sync([](void*) {}, nullptr);
 }
 BENCHMARK(BM_CondVarRoundTrip)->UseRealTime();
 
 // --------------------------------------------------- one-producer throughput
 
 constexpr long kBatch = 10000;
+// Capacity of the loop's queue: a front slot and a ring of 128.
+constexpr size_t kQueueLen = 129;
 
 void BM_LoopThroughput(benchmark::State& state) {
     BenchLoop* loop = host().loop;
@@ -180,58 +149,79 @@ void BM_LoopThroughput(benchmark::State& state) {
 }
 BENCHMARK(BM_LoopThroughput)->UseRealTime();
 
-// Baseline: a bounded ring of the same capacity under one mutex, the
-// consumer woken by a condition variable on every push.
+// Baseline: the worker on a FIFO of the queue's capacity; each item is taken
+// from the heap by the producer and given back by the worker.
 void BM_CondVarQueueThroughput(benchmark::State& state) {
-    constexpr int kCap = 129;
-    struct Ring {
-        std::mutex m;
-        std::condition_variable cv;
-        void* slot[kCap];
-        int head = 0, count = 0;
-        bool stop = false;
-        std::atomic<long> consumed{0};
-    } r;
-    std::thread consumer([&] {
-        for (;;) {
-            std::unique_lock<std::mutex> g(r.m);
-            r.cv.wait(g, [&] { return r.stop || r.count > 0; });
-            if (r.count == 0) return;
-            void* item = r.slot[r.head];
-            r.head = (r.head + 1) % kCap;
-            --r.count;
-            g.unlock();
-            free(item);
-            r.consumed.fetch_add(1, std::memory_order_release);
-        }
-    });
+    bench::CvWorker w(kQueueLen);
     for (auto _ : state) {
-        long start = r.consumed.load();
-        for (long i = 0; i < kBatch; ++i) {
-            void* item = malloc(sizeof(GeneralQEvt));
-            for (;;) {
-                std::unique_lock<std::mutex> g(r.m);
-                if (r.count < kCap) {
-                    r.slot[(r.head + r.count) % kCap] = item;
-                    ++r.count;
-                    break;
-                }
-                g.unlock();
-                std::this_thread::yield();
-            }
-            r.cv.notify_one();
-        }
-        while (r.consumed.load(std::memory_order_acquire) < start + kBatch) std::this_thread::yield();
+        for (long i = 0; i < kBatch; ++i) w.post(free, malloc(sizeof(GeneralQEvt)));
+        w.sync([](void*) {}, nullptr);
     }
-    {
-        std::lock_guard<std::mutex> g(r.m);
-        r.stop = true;
-    }
-    r.cv.notify_one();
-    consumer.join();
     state.SetItemsProcessed(state.iterations() * kBatch);
 }
 BENCHMARK(BM_CondVarQueueThroughput)->UseRealTime();
+
+// ------------------------------------------------ everything on one CPU
+//
+// `producers` threads share kOneCpuEvents posts; the consumer and every
+// producer are pinned to CPU 0. One repetition is one run of all events;
+// "cs_per_evt" is the process's context switches (voluntary and involuntary,
+// getrusage) per delivered event.
+
+constexpr long kOneCpuEvents = 200000;
+
+long contextSwitches() {
+    rusage ru;
+    getrusage(RUSAGE_SELF, &ru);
+    return ru.ru_nvcsw + ru.ru_nivcsw;
+}
+
+template <typename PostFn, typename DrainFn>
+void runOneCpu(benchmark::State& state, PostFn post, DrainFn drain) {
+    int producers = static_cast<int>(state.range(0));
+    bench::pinThread(pthread_self(), 0);
+    for (auto _ : state) {
+        long cs = contextSwitches();
+        auto t0 = std::chrono::steady_clock::now();
+        std::vector<std::thread> ths;
+        for (int p = 0; p < producers; ++p) {
+            ths.emplace_back([&] {
+                bench::pinThread(pthread_self(), 0);
+                for (long i = 0; i < kOneCpuEvents / producers; ++i) post();
+            });
+        }
+        for (std::thread& t : ths) t.join();
+        drain();
+        auto t1 = std::chrono::steady_clock::now();
+        state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
+        state.counters["cs_per_evt"] = static_cast<double>(contextSwitches() - cs) / kOneCpuEvents;
+    }
+    bench::pinThread(pthread_self(), -1);
+    state.SetItemsProcessed(state.iterations() * kOneCpuEvents);
+}
+
+void BM_LoopOneCpu(benchmark::State& state) {
+    BenchLoop* loop = host().loop;
+    bench::pinThread(host().thread.native_handle(), 0);
+    long start = loop->consumed.load();
+    long want = start;
+    runOneCpu(
+        state, [loop] { postRetrying(loop, SIG_ITEM); },
+        [&] {
+            want += kOneCpuEvents;
+            while (loop->consumed.load(std::memory_order_acquire) < want) std::this_thread::yield();
+        });
+    bench::pinThread(host().thread.native_handle(), -1);
+}
+BENCHMARK(BM_LoopOneCpu)->Arg(1)->Arg(2)->Arg(4)->Iterations(1)->UseManualTime();
+
+void BM_CondVarQueueOneCpu(benchmark::State& state) {
+    bench::CvWorker w(kQueueLen);
+    bench::pinThread(w.handle(), 0);
+    runOneCpu(
+        state, [&w] { w.post(free, malloc(sizeof(GeneralQEvt))); }, [&w] { w.sync([](void*) {}, nullptr); });
+}
+BENCHMARK(BM_CondVarQueueOneCpu)->Arg(1)->Arg(2)->Arg(4)->Iterations(1)->UseManualTime();
 
 }  // namespace
 

@@ -8,10 +8,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <mutex>
 #include <thread>
 
+#include "cv_worker.h"
 #include "daemon_thread.h"
 #include "kel_dispatch.h"
 
@@ -51,52 +51,8 @@ void BM_WorkQueueAsync(benchmark::State& state) {
 }
 BENCHMARK(BM_WorkQueueAsync)->UseRealTime();
 
-// Baseline: the plainest serial executor.
-class SerialExecutor {
-public:
-    SerialExecutor() : mWorker([this] { loop(); }) {}
-    ~SerialExecutor() {
-        {
-            std::lock_guard<std::mutex> l(mMutex);
-            mStop = true;
-        }
-        mCond.notify_one();
-        mWorker.join();
-    }
-    void post(DispatchFunc f, void* ctx) {
-        {
-            std::lock_guard<std::mutex> l(mMutex);
-            mItems.push_back({f, ctx});
-        }
-        mCond.notify_one();
-    }
-
-private:
-    struct Item {
-        DispatchFunc f;
-        void* ctx;
-    };
-    void loop() {
-        std::unique_lock<std::mutex> l(mMutex);
-        for (;;) {
-            mCond.wait(l, [this] { return mStop || !mItems.empty(); });
-            if (mItems.empty()) return;
-            Item it = mItems.front();
-            mItems.pop_front();
-            l.unlock();
-            it.f(it.ctx);
-            l.lock();
-        }
-    }
-    std::mutex mMutex;
-    std::condition_variable mCond;
-    std::deque<Item> mItems;
-    bool mStop = false;
-    std::thread mWorker;
-};
-
 void BM_BaselineMutexCondExecutor(benchmark::State& state) {
-    SerialExecutor ex;
+    bench::CvWorker ex;
     Counter c;
     for (auto _ : state) {
         for (int i = 0; i < kBatch; ++i) ex.post(tick, &c);

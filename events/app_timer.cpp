@@ -11,8 +11,7 @@ ATimer::ATimer()
       mFlagRunning(false),
       mFlagRepeat(false),
       mFlagRestart(false),
-      mRepeatSec(0),
-      mRepeatMSec(0) {
+      mInterval(0) {
     KEL_ASSERT(_timer != nullptr);
 }
 
@@ -37,8 +36,8 @@ void ATimer::restart(int msec) {
     dispTimer->setProc(this);
     setInternal(msec / 1000, msec % 1000);
     // The new node is taken before the old one goes home, so a full store
-    // fails the restart and leaves the old deadline standing.
-    _timer->removeOldTimer(dispTimer);
+    // fails the restart and leaves the old deadline standing. addTimer
+    // replaces the old node in the same lock section.
     _timer->addTimer(dispTimer);
     if (_loop != nullptr) _loop->wakeupCore();
 }

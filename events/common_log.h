@@ -1,7 +1,11 @@
 // Logging and assertion helpers shared by every module of kel.
 //
 // KEL_LOG(level, fmt, ...) writes one line through `__logprintf` with the
-// source file, the unqualified function name and the line.
+// source file, the unqualified function name and the line. `level` must be a
+// constant, one of the five DebugLevel values; anything else does not
+// compile, so that <syslog.h>'s LOG_DEBUG and LOG_INFO (7 and 6) cannot pass
+// for kel's. With <syslog.h> in the same file, in either order, write kel's
+// levels as KEL_LOG_DEBUG, KEL_LOG_INFO, ... (see msg_logger.h).
 //
 // KEL_ASSERT(cond) is always compiled in. On failure it calls
 // `_gen_log_assert_fail`, which throws std::runtime_error with the text
@@ -22,9 +26,23 @@ extern "C" {
                                                int line);
 }
 
-#define KEL_LOG(level, ...)                                                 \
-    __logprintf(__FILE__, static_cast<int>(sizeof(__FILE__) - 1), __func__, \
-                static_cast<int>(sizeof(__func__) - 1), __LINE__, (level), __VA_ARGS__)
+namespace kellog {
+// The level of a KEL_LOG line, checked at compile time (by the names that
+// <syslog.h> cannot hide).
+template <int L>
+struct CheckedLevel {
+    static_assert(L == KEL_LOG_DUMP || L == KEL_LOG_DEBUG || L == KEL_LOG_INFO || L == KEL_LOG_WARN ||
+                      L == KEL_LOG_ERROR,
+                  "KEL_LOG: not a kel log level; with <syslog.h> in the same file, LOG_DEBUG and LOG_INFO "
+                  "are syslog's: write KEL_LOG_DEBUG, KEL_LOG_INFO (msg_logger.h)");
+    static constexpr int value = L;
+};
+}  // namespace kellog
+
+#define KEL_LOG(level, ...)                                                                               \
+    __logprintf(__FILE__, static_cast<int>(sizeof(__FILE__) - 1), __func__,                               \
+                static_cast<int>(sizeof(__func__) - 1), __LINE__, ::kellog::CheckedLevel<(level)>::value, \
+                __VA_ARGS__)
 
 #define KEL_ASSERT_FAIL()                                                            \
     _gen_log_assert_fail(__FILE__, static_cast<int>(sizeof(__FILE__) - 1), __func__, \

@@ -1,7 +1,6 @@
 #include "daemon_thread.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -10,6 +9,7 @@
 #include <list>
 
 #include "common_log.h"
+#include "daemon_pool.h"
 
 typedef std::list<DaemonThreadPrivate*> ThreadList;
 
@@ -33,7 +33,7 @@ struct DaemonThreadPrivate {
     // Caller holds the pool lock.
     void setParent(DaemonThread* parent);
 
-    // pthread_create with the pool's signal mask; logs a failure.
+    // pthread_create with default attributes; logs a failure.
     // Caller holds the pool lock.
     void createOsThread();
     // Gives the calling (own) thread its pool name.
@@ -100,8 +100,9 @@ public:
     static void forkChild();
 
     // Memory ordering: seq_cst store by the teardown, paired with the
-    // seq_cst increment of mInFlight and load in lock(); acquire loads
-    // elsewhere.
+    // seq_cst increment of mInFlight and load in lock(): at least one side
+    // sees the other, so nobody enters after the teardown has found the
+    // pool empty of users. Acquire loads elsewhere.
     std::atomic<bool> mThreadExit;
     pthread_mutex_t mMutex;
     ThreadList mUsedThread;
@@ -109,6 +110,9 @@ public:
     // Records whose threads belonged to the parent of a fork.
     ThreadList mOrphanThread;
     // Threads inside lock() ... unlock(), or about to enter.
+    // Memory ordering: seq_cst increment in lock() (see mThreadExit);
+    // release decrements, so the teardown that reads 0 with seq_cst sees
+    // everything done under the lock.
     std::atomic<int> mInFlight;
     // forkPrepare() took the pool lock.
     bool mForkLocked;
@@ -129,16 +133,24 @@ void nap() {
 
 }  // namespace
 
-static ThreadManage _gThreadPool;
+// The pool is made on first use: every WorkThread asks for it before it is
+// built (kel_pool_init), the default work queue at load time included. So
+// the pool is complete before the default queue and before any task that
+// uses it, whatever the order of the object files or archive members, and
+// exit destroys it after them.
+static ThreadManage& threadPool() {
+    static ThreadManage _gThreadPool;
+    return _gThreadPool;
+}
 
 namespace {
 
 // The pool lock for one scope, released also when an exception passes.
 class PoolLock {
 public:
-    PoolLock() : mHeld(_gThreadPool.lock()) {}
+    PoolLock() : mHeld(threadPool().lock()) {}
     ~PoolLock() {
-        if (mHeld) _gThreadPool.unlock();
+        if (mHeld) threadPool().unlock();
     }
     bool held() const { return mHeld; }
 
@@ -165,7 +177,7 @@ DaemonThreadPrivate::DaemonThreadPrivate(DaemonThread* parent)
       mLeftNext(nullptr),
       mEnd(kLive),
       mRenamed(false),
-      mIndex(_gThreadPool.mNextIndex++) {
+      mIndex(threadPool().mNextIndex++) {
     pthread_condattr_t attr;
     pthread_condattr_init(&attr);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
@@ -187,23 +199,19 @@ DaemonThreadPrivate::~DaemonThreadPrivate() {
 }
 
 void DaemonThreadPrivate::createOsThread() {
-    // Asynchronous process signals go to the application's threads, never to
-    // a pooled one; the new thread inherits this mask.
-    sigset_t block, old;
-    sigemptyset(&block);
-    for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGTERM, SIGCHLD}) {
-        sigaddset(&block, sig);
-    }
-    pthread_sigmask(SIG_BLOCK, &block, &old);
+    // Default attributes: the thread keeps its creator's signal mask. Tasks
+    // are application code, and so are the threads and programs they start,
+    // which inherit the mask; blocking signals here would hand them a mask
+    // the application never chose. An idle pooled thread that takes a
+    // process signal just runs the handler and sleeps on.
     int ret = pthread_create(&mThread, nullptr, callback, this);
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
     if (ret != 0) KEL_LOG(LOG_WARN, "pthread_create failed, %d, %s", ret, strerror(ret));
     mJoinable = (ret == 0);
     mRunning.store(ret == 0, std::memory_order_release);
 }
 
 void DaemonThreadPrivate::checkThread() {
-    KEL_DEBUG_ASSERT(!_gThreadPool.mThreadExit.load(std::memory_order_acquire));
+    KEL_DEBUG_ASSERT(!threadPool().mThreadExit.load(std::memory_order_acquire));
     if (!mRunning.load(std::memory_order_acquire)) createOsThread();
 }
 
@@ -234,8 +242,9 @@ void DaemonThreadPrivate::setParent(DaemonThread* parent) {
 
 void* DaemonThreadPrivate::callback(void* arg) {
     DaemonThreadPrivate* self = static_cast<DaemonThreadPrivate*>(arg);
+    ThreadManage& pool = threadPool();
     self->applyName();
-    while (!_gThreadPool.mThreadExit.load(std::memory_order_acquire)) {
+    while (!pool.mThreadExit.load(std::memory_order_acquire)) {
         DaemonThread* parent = self->mParent.load(std::memory_order_acquire);
         if (parent != nullptr) {
             parent->runDeamon();
@@ -246,8 +255,8 @@ void* DaemonThreadPrivate::callback(void* arg) {
             self->mStart = false;
             if (self->mRenamed) self->applyName();
         }
-        _gThreadPool.freeThread(self);
-        if (_gThreadPool.mThreadExit.load(std::memory_order_acquire)) break;
+        pool.freeThread(self);
+        if (pool.mThreadExit.load(std::memory_order_acquire)) break;
         KEL_LOG(LOG_DEBUG, "Wait start");
         self->wait();
         KEL_LOG(LOG_DEBUG, "Wait end");
@@ -270,13 +279,8 @@ ThreadManage::ThreadManage() : mThreadExit(false), mInFlight(0), mForkLocked(fal
 }
 
 bool ThreadManage::lock() {
-    // Memory ordering: seq_cst increment then seq_cst load, against the
-    // teardown's seq_cst store of mThreadExit then load of mInFlight: at least
-    // one side sees the other, so nobody enters after the teardown has
-    // found the pool empty of users.
     mInFlight.fetch_add(1, std::memory_order_seq_cst);
     if (mThreadExit.load(std::memory_order_seq_cst)) {
-        // Memory ordering: release; pairs with the teardown's load.
         mInFlight.fetch_sub(1, std::memory_order_release);
         return false;
     }
@@ -286,8 +290,6 @@ bool ThreadManage::lock() {
 
 void ThreadManage::unlock() {
     pthread_mutex_unlock(&mMutex);
-    // Memory ordering: release, so the teardown that reads 0 with seq_cst
-    // (acquire) sees everything done under the lock.
     mInFlight.fetch_sub(1, std::memory_order_release);
 }
 
@@ -385,22 +387,32 @@ ThreadManage::~ThreadManage() {
     pthread_mutex_destroy(&mMutex);
 }
 
-void ThreadManage::forkPrepare() { _gThreadPool.mForkLocked = _gThreadPool.lock(); }
-
-void ThreadManage::forkParent() {
-    if (!_gThreadPool.mForkLocked) return;
-    _gThreadPool.mForkLocked = false;
-    _gThreadPool.unlock();
+void ThreadManage::forkPrepare() {
+    ThreadManage& pool = threadPool();
+    pool.mForkLocked = pool.lock();
 }
 
-// In the child only the forking thread exists. The parent's pooled threads
-// are gone: their records become orphans and their tasks unbound.
-void ThreadManage::forkChild() {
-    ThreadManage& pool = _gThreadPool;
+void ThreadManage::forkParent() {
+    ThreadManage& pool = threadPool();
     if (!pool.mForkLocked) return;
     pool.mForkLocked = false;
+    pool.unlock();
+}
+
+// In the child only the forking thread exists. The parent's other pooled
+// threads are gone: their records become orphans and their tasks unbound. A
+// pooled thread that forked (from a task) keeps its record and its task.
+void ThreadManage::forkChild() {
+    ThreadManage& pool = threadPool();
+    if (!pool.mForkLocked) return;
+    pool.mForkLocked = false;
+    DaemonThreadPrivate* self = nullptr;
     for (ThreadList* l : {&pool.mUsedThread, &pool.mFreeThread}) {
         for (DaemonThreadPrivate* th : *l) {
+            if (th->mJoinable && pthread_equal(th->mThread, pthread_self())) {
+                self = th;
+                continue;
+            }
             th->mOrphan = true;
             th->mRunning.store(false, std::memory_order_relaxed);
             DaemonThread* task = th->mParent.load(std::memory_order_relaxed);
@@ -412,12 +424,18 @@ void ThreadManage::forkChild() {
         }
         pool.mOrphanThread.splice(pool.mOrphanThread.end(), *l);
     }
+    if (self != nullptr) {
+        ThreadList& home = self->mFree ? pool.mFreeThread : pool.mUsedThread;
+        home.splice(home.end(), pool.mOrphanThread, self->mPos);
+    }
     // Threads that were waiting for the lock do not exist here either.
     pool.mInFlight.store(0, std::memory_order_relaxed);
     pthread_mutex_unlock(&pool.mMutex);
 }
 
-KelPoolCounts kel_pool_counts() { return _gThreadPool.counts(); }
+KelPoolCounts kel_pool_counts() { return threadPool().counts(); }
+
+void kel_pool_init() { threadPool(); }
 
 // ---------------------------------------------------------------------------
 // DaemonThread
@@ -439,7 +457,7 @@ bool DaemonThread::start() {
     }
     DaemonThreadPrivate* thread = dPtr;
     if (thread == nullptr) {
-        thread = _gThreadPool.createThread(this);
+        thread = threadPool().createThread(this);
         dPtr = thread;
         thread->checkThread();
     }
@@ -447,22 +465,15 @@ bool DaemonThread::start() {
     return thread->mRunning.load(std::memory_order_acquire);
 }
 
-bool DaemonThread::isRunning() {
-    // Memory ordering: acquire, paired with the release stores in runDeamon.
-    return mChildRunning.load(std::memory_order_acquire);
-}
+bool DaemonThread::isRunning() { return mChildRunning.load(std::memory_order_acquire); }
 
 void DaemonThread::run() {}
 
 void DaemonThread::threadExit() {}
 
-void DaemonThread::profile() { _gThreadPool.profile(); }
+void DaemonThread::profile() { threadPool().profile(); }
 
-const char* DaemonThread::runningStep() const {
-    // Memory ordering: acquire, paired with the release in setRunningStep, so
-    // the text behind the pointer is visible too.
-    return mRunningStep.load(std::memory_order_acquire);
-}
+const char* DaemonThread::runningStep() const { return mRunningStep.load(std::memory_order_acquire); }
 
 void DaemonThread::setRunningStep(const char* step) { mRunningStep.store(step, std::memory_order_release); }
 
@@ -477,7 +488,6 @@ void DaemonThread::setName(const char* name) {
 }
 
 void DaemonThread::runDeamon() {
-    // Memory ordering: release/acquire with isRunning().
     mChildRunning.store(true, std::memory_order_release);
     run();
     {

@@ -10,12 +10,11 @@
 // Pooled threads:
 // - are named "kel-pool-<n>"; a name set with setName() inside run() lasts
 //   for that pass only;
-// - block the asynchronous process signals SIGHUP, SIGINT, SIGQUIT, SIGUSR1,
-//   SIGUSR2, SIGPIPE, SIGALRM, SIGTERM and SIGCHLD, so that these reach the
-//   application's own threads (the main loop's signal handling in
-//   particular). A write to a broken pipe on a pooled thread therefore fails
-//   with EPIPE instead of raising SIGPIPE. Synchronous faults (SIGSEGV,
-//   SIGBUS, SIGFPE, SIGILL, SIGABRT) are not blocked.
+// - have the signal mask of the thread whose start() created them, as
+//   threads made with default attributes do. Nothing is blocked for the
+//   pool's sake, so run(), threadExit() and the threads and programs started
+//   from them see the application's mask; an idle pooled thread may take a
+//   process signal, whose handler then runs there.
 //
 // Thread rules:
 // - start(), isRunning(), profile(), runningStep(), setRunningStep() and the
@@ -33,7 +32,9 @@
 // repeated. A task that feeds run() from a work source re-examines it in
 // threadExit() and calls start() again if work remains.
 //
-// Process exit: the pool is torn down by a static destructor. Idle pooled
+// Process exit: the pool is made on first use (at library load at the
+// latest, by the default work queue) and torn down by a static destructor
+// after the default queue's, whatever the link order. Idle pooled
 // threads are woken and joined; threads still inside application code are
 // not waited for: they are left running, and their records stay allocated,
 // until the process ends. From the start of the teardown on, start() fails
@@ -41,8 +42,11 @@
 //
 // fork(): in a child, the parent's pooled threads do not exist. The pool
 // forgets them at the fork (their records are freed at exit without being
-// touched otherwise) and tasks bound to them become unbound, so the child
-// can use the pool afresh and exit cleanly.
+// touched otherwise) and tasks bound to them become unbound: a pass that was
+// under way is not continued, nor is threadExit() called for it, and a task
+// may be started afresh in the child. Only a pooled thread that forked
+// itself (from run()) goes on with its pass in the child. Work queues
+// (kel_dispatch.h) drop the work pending at the fork in the child.
 #ifndef KEL_EVENTS_DAEMON_THREAD_H
 #define KEL_EVENTS_DAEMON_THREAD_H
 
@@ -100,17 +104,12 @@ private:
 
     // Guarded by the pool lock.
     DaemonThreadPrivate* dPtr;
+    // Memory ordering: release in setRunningStep, acquire in runningStep,
+    // so the text behind the pointer is visible too.
     std::atomic<const char*> mRunningStep;
+    // Memory ordering: stored with release by the pooled thread around
+    // run(), loaded with acquire by isRunning().
     std::atomic<bool> mChildRunning;
 };
-
-// Pool figures for the framework's own tests and diagnostics (not exported
-// from the shared library). Any thread; takes the pool lock.
-struct KelPoolCounts {
-    int used;   // records bound to a task or on their way back
-    int free;   // idle records
-    int alive;  // operating-system threads of the pool that exist
-};
-KelPoolCounts kel_pool_counts();
 
 #endif

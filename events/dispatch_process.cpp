@@ -1,385 +1,24 @@
+// Dispatch queues: the body's pending callbacks, Queue with its explicit
+// lock, and Loop. The timers are in dispatch_timer.cpp, the records and
+// their store in dispatch_nodes.cpp.
 #include "dispatch_process.h"
 
 #include <pthread.h>
-#include <string.h>
 
-#include <mutex>
-#include <new>
+#include <exception>
 
 #include "common_log.h"
-#include "kel_atomic.h"
-#include "kel_mutex.h"
-#include "list_table.h"
+#include "dispatch_private.h"
 
 namespace dispatch {
-
-// ---------------------------------------------------------------------------
-// Records kept on the lists of a queue. Each lives in a node of the pool,
-// except the item of Queue::run, which lies on the waiting caller's stack.
-// They have no default constructors: every record is built from its callback.
-
-// One pending callback.
-struct DispatchItem {
-    DispatchItem(Object::Callback1 f, Object* data, bool async, bool merge, bool compe = false)
-        : asynchronous(async),
-          mergeable(merge),
-          completed(compe),
-          delobject(false),
-          fn(f),
-          fn_data(data),
-          next(nullptr) {}
-
-    bool asynchronous;  // the queue owns the item and recycles it after the call
-    bool mergeable;     // an equal pending mergeable item makes this one superfluous
-    bool completed;     // the call of a run() item has returned (or was cancelled)
-    bool delobject;     // fn_data is deleted after the call
-    Object::Callback1 fn;
-    Object* fn_data;
-    DispatchItem* next;
-};
-
-// One pending timer entry; the timer list runs through `next`, sorted by
-// deadline.
-struct ItemTimer : public DispatchItem {
-    ItemTimer(Object::Callback1 f, Object* data, bool, bool)
-        : DispatchItem(f, data, true, false, false), that(nullptr), tiggerTime(0) {}
-
-    Timer* that;
-    int64_t tiggerTime;  // deadline, microseconds on the clock of timeUs()
-};
-
-// One posted loop event.
-struct LoopEvtItem {
-    Loop::Evt evt;
-    LoopEvtItem* next;
-};
-
-namespace {
-
-// A free node in a queue's cache, linked through its first word.
-struct FreeNode {
-    FreeNode* next;
-};
-
-// The free nodes one queue keeps for its own records. The list belongs to
-// the queue and is used under its mutex; the store knows the cache only to
-// leave its nodes out of the "used" count.
-struct NodeCache {
-    FreeNode* head = nullptr;
-    // Memory ordering: relaxed. Written under the queue's mutex; read by
-    // NodePool::profile() for a log line, which may be stale by one node.
-    std::atomic<int> count{0};
-    // Links in the store's list of caches, under the store's mMtx.
-    NodeCache* prev = nullptr;
-    NodeCache* next = nullptr;
-};
-
-inline ItemTimer* nextTimer(const ItemTimer* t) { return static_cast<ItemTimer*>(t->next); }
-
-// ---------------------------------------------------------------------------
-// Process-wide store of fixed-size nodes. Grows by one node whenever a take
-// finds it empty, never shrinks. Queues take nodes from it in batches into a
-// cache of their own and give them back only when they go (see NodeCache):
-// the store's lock is then taken once per batch, not once per record, and
-// the threads queuing work and the thread processing it meet only on the
-// queue's mutex. mMtx is a leaf lock: callers may hold a queue's mutex,
-// never the other way round.
-
-constexpr size_t maxOf(size_t a, size_t b, size_t c) { return a > b ? (a > c ? a : c) : (b > c ? b : c); }
-
-class NodePool {
-public:
-    struct Node {
-        static constexpr size_t kSize = maxOf(sizeof(DispatchItem), sizeof(ItemTimer), sizeof(LoopEvtItem));
-        static constexpr size_t kAlign =
-            maxOf(alignof(DispatchItem), alignof(ItemTimer), alignof(LoopEvtItem));
-
-        alignas(kAlign) char a[kSize];
-    };
-
-    NodePool() : mCount(0), mUsed(0) {}
-
-    // Fills the empty `cache` with up to `want` nodes: at least one (the
-    // store grows by one if it is empty), more only as far as the store
-    // already has them. Caller holds the cache's queue mutex. If the heap
-    // fails, the exception leaves store and cache as they were.
-    void refill(NodeCache* cache, int want) {
-        Autolock guard(&mMtx);
-        FreeNode* first = nullptr;
-        int n = 0;
-        do {
-            first = new (take()->a) FreeNode{first};
-            ++n;
-        } while (n < want && !mPools.empty());
-        cache->head = first;
-        cache->count.store(n, std::memory_order_relaxed);
-    }
-
-    // Counts `cache` out of "used" from now on. Any thread.
-    void attach(NodeCache* cache) {
-        Autolock guard(&mMtx);
-        cache->next = mCaches;
-        if (mCaches != nullptr) mCaches->prev = cache;
-        mCaches = cache;
-    }
-
-    // Takes back every node of `cache` and forgets it. Caller is the
-    // cache's last user.
-    void detach(NodeCache* cache) {
-        Autolock guard(&mMtx);
-        if (cache->prev != nullptr) {
-            cache->prev->next = cache->next;
-        } else {
-            mCaches = cache->next;
-        }
-        if (cache->next != nullptr) cache->next->prev = cache->prev;
-        for (FreeNode* n = cache->head; n != nullptr;) {
-            FreeNode* next = n->next;
-            ListTable<Node>::iterator it(ListTable<Node>::ListItem::fromData(reinterpret_cast<Node*>(n)));
-            mPools.push_back(it);
-            n = next;
-        }
-        mUsed -= cache->count.load(std::memory_order_relaxed);
-        cache->head = nullptr;
-        cache->count.store(0, std::memory_order_relaxed);
-    }
-
-    // Logs the nodes holding records (nodes out of the store less those
-    // waiting in queue caches) and the nodes made. A snapshot: exact when no
-    // other thread works on a queue.
-    void profile() {
-        int used, made;
-        {
-            Autolock guard(&mMtx);
-            used = mUsed;
-            made = mCount;
-            for (NodeCache* c = mCaches; c != nullptr; c = c->next)
-                used -= c->count.load(std::memory_order_relaxed);
-        }
-        KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", used, made);
-    }
-
-private:
-    // Caller holds mMtx. If the heap fails, the exception leaves the
-    // counters as they were.
-    Node* take() {
-        if (mPools.empty()) {
-            Node blank;
-            memset(&blank, 0, sizeof blank);
-            mPools.push_back(blank);
-            ++mCount;
-        }
-        ListTable<Node>::iterator it = mPools.pop_back();
-        ++mUsed;
-        return &*it;
-    }
-
-    // Written and read only under mMtx; mUsed counts nodes out of the
-    // store, those in caches included.
-    int mCount;
-    int mUsed;
-    KelMutex mMtx;
-    ListTable<Node> mPools;
-    NodeCache* mCaches = nullptr;
-};
-
-// The node is sized for the largest record and aligned for the strictest;
-// on a 32-bit target that is an ItemTimer of exactly 32 bytes with an
-// int64_t inside.
-static_assert(sizeof(NodePool::Node) >= sizeof(DispatchItem), "node too small for DispatchItem");
-static_assert(sizeof(NodePool::Node) >= sizeof(ItemTimer), "node too small for ItemTimer");
-static_assert(sizeof(NodePool::Node) >= sizeof(LoopEvtItem), "node too small for LoopEvtItem");
-static_assert(alignof(NodePool::Node) >= alignof(ItemTimer), "node not aligned for ItemTimer");
-static_assert(alignof(NodePool::Node) >= alignof(int64_t), "node not aligned for int64_t");
-static_assert(alignof(NodePool::Node) >= alignof(LoopEvtItem), "node not aligned for LoopEvtItem");
-static_assert(sizeof(void*) != 4 || sizeof(NodePool::Node) == 32, "32-bit node must be 32 bytes");
-
-// Made by the first queue; lives to the end of the process.
-NodePool* gPool = nullptr;
-
-// ---------------------------------------------------------------------------
-// Time, all on CLOCK_MONOTONIC.
-
-void getRealtime(timespec* out_ts) { clock_gettime(CLOCK_MONOTONIC, out_ts); }
-
-int64_t timeUs() {
-    timespec ts;
-    KEL_ASSERT(clock_gettime(CLOCK_MONOTONIC, &ts) == 0);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
-
-timespec timeUsToTimespec(int64_t time_us) {
-    timespec now;
-    getRealtime(&now);
-    return internal::timespecAfter(now, time_us);
-}
-
-// A delay in ms as microseconds. The product is a 32-bit signed value, which
-// is why delays are limited to 2147483 ms; it wraps rather than overflows.
-int64_t periodUs(int msec) { return static_cast<int32_t>(static_cast<uint32_t>(msec) * 1000u); }
-
-}  // namespace
-
-// A check made with the queue's mutex held: the mutex is released before the
-// assertion fires, so a misuse caught here leaves the queue usable.
-#define DISPATCH_CHECK_UNLOCK(cond, mtx)    \
-    do {                                    \
-        if (__builtin_expect(!(cond), 0)) { \
-            pthread_mutex_unlock(mtx);      \
-            KEL_ASSERT_FAIL();              \
-        }                                   \
-    } while (0)
-
-timespec internal::timespecAfter(const timespec& now, int64_t time_us) {
-    int64_t diff_secs = time_us / 1000000;
-    int64_t diff_nsecs = (time_us - diff_secs * 1000000) * 1000;
-    if (diff_nsecs < 0) {
-        diff_secs -= 1;
-        diff_nsecs += 1000000000;
-    }
-    if (now.tv_nsec + diff_nsecs > 999999999) {
-        diff_secs += 1;
-        diff_nsecs -= 1000000000;
-    }
-    if (diff_secs > 10000000) diff_secs = 10000000;
-    timespec ts = now;
-    ts.tv_sec += static_cast<time_t>(diff_secs);
-    ts.tv_nsec += static_cast<long>(diff_nsecs);
-    return ts;
-}
-
-// ---------------------------------------------------------------------------
-// The body of a queue, shared by its Queue, Timers and Loops.
-
-class QueuePrivate : public Object {
-public:
-    QueuePrivate();
-
-    QueuePrivate* ref() {
-        refCount.inc();
-        return this;
-    }
-    void unref();
-
-    void enqueueItem(Object::Callback1 fn, Object* fn_data, bool merge, bool delobject);
-    bool link(DispatchItem* item);
-    void announce(bool wake);
-    // Caller holds `lock`. True once per sleep of the processing thread:
-    // the first piece of work that arrives while it sleeps wakes it, later
-    // ones find it woken already and broadcast nothing. (A broadcast while
-    // the sleeper is still on its way out of the wait costs a system call.)
-    bool takeSleeper() {
-        bool s = sleeping;
-        sleeping = false;
-        return s;
-    }
-    void remove(Object::Callback1 fn, Object* fn_data);
-    void procEventFunc();
-    void wakeup();
-    // Ends the loop of Loop::exec; runs on the loop's thread through run().
-    void interrupt() { exitLoop.store(true, std::memory_order_relaxed); }
-
-    void appendTimer(Timer* that);
-    void _appendTimer(ItemTimer* item);
-    void removeTimer(Timer* timer);
-    int64_t getWait();
-    bool haveTigger();
-    void procTimer();
-
-    // After a callback: only a thread in lock() waits for `locked` to drop.
-    // Waking nobody else keeps a thread blocked in run() asleep while the
-    // items queued before its own are processed. Caller holds `lock`.
-    void wakeLockers() {
-        if (lock_requests != 0) pthread_cond_broadcast(&cond);
-    }
-
-    // For lock-rule checks in debug builds: the mutex is held by someone.
-    bool mutexHeld() {
-        if (pthread_mutex_trylock(&lock) != 0) return true;
-        pthread_mutex_unlock(&lock);
-        return false;
-    }
-
-    // Records come from and go back to this queue's own cache of free
-    // nodes (see NodePool). An empty cache is refilled from the store with
-    // 1, 2, 4 ... up to kCacheBatch nodes at a time, so that a queue with
-    // little work takes little. The cache keeps what it gets back until the
-    // body goes: a queue holds on to the nodes of its own peak. Caller
-    // holds `lock`. A take may throw std::bad_alloc, with nothing changed.
-    template <typename T>
-    T* getNode(Object::Callback1 fn, Object* data, bool async, bool merge) {
-        return new (takeNode()) T(fn, data, async, merge);
-    }
-    LoopEvtItem* getLoopNode(Loop::Evt& e) { return new (takeNode()) LoopEvtItem{e, nullptr}; }
-    // Takes back a record from getNode or getLoopNode, exactly once.
-    void recycle(void* item) {
-        cache.head = new (item) FreeNode{cache.head};
-        cache.count.store(cache.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    }
-    void* takeNode() {
-        if (cache.head == nullptr) {
-            gPool->refill(&cache, refillSize);
-            if (refillSize < kCacheBatch) refillSize *= 2;
-        }
-        FreeNode* n = cache.head;
-        cache.head = n->next;
-        // The next node was last written by whichever thread gave it back,
-        // often the processing thread: start fetching it for writing now.
-        if (cache.head != nullptr) __builtin_prefetch(cache.head, 1);
-        cache.count.store(cache.count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-        return n;
-    }
-    static constexpr int kCacheBatch = 32;
-
-    // What a queuing thread and the processing thread both touch for every
-    // callback sits together, behind the mutex, so that a hand-over of the
-    // mutex moves as few cache lines as possible.
-    pthread_mutex_t lock;
-    DispatchItem* head = nullptr;
-    DispatchItem* tail = nullptr;
-    bool interrupted = false;
-    bool sleeping = false;  // the processing thread waits for work or a timer
-    bool locked = false;
-    bool in_process = false;
-    int refillSize = 1;
-    NodeCache cache;
-    size_t lock_requests = 0;
-    Object::Callback1 wakeup_fn = nullptr;
-    Object* wakeup_ctx = nullptr;
-
-    ItemTimer* timerhead = nullptr;
-    LoopEvtItem* loopHead = nullptr;
-    LoopEvtItem* loopTail = nullptr;
-    pthread_cond_t cond;
-    int64_t wait = 0;
-    pthread_t in_process_thread = 0;
-    bool locked_explicit = false;
-    pthread_t locked_explicit_thread = 0;
-    bool timerProc = false;
-    // Memory ordering: relaxed. Written and read on the thread in
-    // Loop::exec (by exec itself and by interrupt() run through the queue);
-    // atomic only so that a queue processed elsewhere stays well defined.
-    std::atomic<bool> exitLoop{false};
-
-private:
-    ~QueuePrivate() override;
-
-    KelAtomic<unsigned int> refCount{1};
-};
 
 QueuePrivate::QueuePrivate() {
     pthread_condattr_t attr;
     KEL_ASSERT(pthread_condattr_init(&attr) == 0);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    pthread_mutex_init(&lock, nullptr);
     pthread_cond_init(&cond, &attr);
     pthread_condattr_destroy(&attr);
-    // The first queue makes the store, also when several first queues are
-    // made at once on different threads. Memory ordering: call_once
-    // publishes gPool to every thread that passes it.
-    static std::once_flag made;
-    std::call_once(made, [] { gPool = new NodePool; });
-    gPool->attach(&cache);
+    nodes::init();
 }
 
 // A destructor cannot hand an exception to anyone: a body destroyed with work
@@ -395,9 +34,7 @@ QueuePrivate::~QueuePrivate() {
         timerhead = nextTimer(t);
         recycle(t);
     }
-    gPool->detach(&cache);
     pthread_cond_destroy(&cond);
-    pthread_mutex_destroy(&lock);
 }
 
 void QueuePrivate::unref() {
@@ -411,21 +48,26 @@ void QueuePrivate::unref() {
 // item is dropped, and then nobody is woken.
 void QueuePrivate::enqueueItem(Object::Callback1 fn, Object* fn_data, bool merge, bool delobject) {
     bool wake;
+    // A plain item takes its node before the queue's mutex, so that the
+    // processing thread waits for the mutex only as long as the link takes.
+    // A mergeable one may turn out superfluous: it asks the store only once
+    // it knows that it needs a node.
+    DispatchItem* item = merge ? nullptr : getNode<DispatchItem>(fn, fn_data, true, false);
     {
-        PthreadAutolock guard(&lock);
+        OwnedMutex::Lock guard(mtx);
         if (merge) {
             for (DispatchItem* p = head; p != nullptr; p = p->next) {
                 if (p->mergeable && p->fn == fn && p->fn_data == fn_data) return;
             }
+            item = getNode<DispatchItem>(fn, fn_data, true, merge);
         }
-        DispatchItem* item = getNode<DispatchItem>(fn, fn_data, true, merge);
         item->delobject = delobject;
         wake = link(item);
     }
     announce(wake);
 }
 
-// Caller holds `lock`. Returns whether the processing thread needs waking.
+// Caller holds `mtx`. Returns whether the processing thread needs waking.
 bool QueuePrivate::link(DispatchItem* item) {
     KEL_DEBUG_ASSERT(mutexHeld());
     if (tail != nullptr) {
@@ -438,7 +80,7 @@ bool QueuePrivate::link(DispatchItem* item) {
     return takeSleeper();
 }
 
-// Called with `lock` released, after link(). Broadcast after the unlock: a
+// Called with `mtx` released, after link(). Broadcast after the unlock: a
 // woken processing thread then finds the mutex free instead of going back
 // to sleep on it. The caller holds a reference, so the body is still there.
 void QueuePrivate::announce(bool wake) {
@@ -446,7 +88,7 @@ void QueuePrivate::announce(bool wake) {
     wakeup();
 }
 
-// Caller holds `lock`.
+// Caller holds `mtx`.
 void QueuePrivate::remove(Object::Callback1 fn, Object* fn_data) {
     KEL_DEBUG_ASSERT(mutexHeld());
     bool releasedWaiter = false;
@@ -480,7 +122,7 @@ void QueuePrivate::remove(Object::Callback1 fn, Object* fn_data) {
     if (releasedWaiter) pthread_cond_broadcast(&cond);
 }
 
-// Caller holds `lock`, and `head` is set.
+// Caller holds `mtx`, and `head` is set; it is released around the callback.
 void QueuePrivate::procEventFunc() {
     KEL_DEBUG_ASSERT(mutexHeld());
     DispatchItem* item = head;
@@ -488,153 +130,60 @@ void QueuePrivate::procEventFunc() {
     if (head == nullptr) tail = nullptr;
     item->next = nullptr;
 
-    KEL_ASSERT(!locked);
-    locked = true;
-    pthread_mutex_unlock(&lock);
-
-    (item->fn_data->*item->fn)();
-
-    pthread_mutex_lock(&lock);
-    KEL_ASSERT(locked);
-    locked = false;
-    if (item->asynchronous) {
-        if (item->delobject) delete item->fn_data;
-        recycle(item);
-        wakeLockers();
+    beginCallback();
+    // A callback that throws: its item is finished as if it had returned,
+    // then the exception leaves queueProcess.
+    std::exception_ptr thrown;
+    const bool async = item->asynchronous;
+    {
+        OwnedMutex::Unlock unlocked(mtx);
+        // Calls through an Object that is not the first base of its class
+        // are correct, but the undefined-behaviour sanitizer's check of the
+        // dynamic type misreports them: tests keep Object first.
+        try {
+            (item->fn_data->*item->fn)();
+        } catch (...) {
+            thrown = std::current_exception();
+        }
+        // A finished item with no object to delete goes back to the store
+        // before the queue's mutex is taken again, so that queuing threads
+        // wait on that mutex only for the hand-over itself.
+        if (async && !item->delobject) {
+            recycle(item);
+            item = nullptr;
+        }
+    }
+    endCallback();
+    if (async) {
+        if (item != nullptr) {
+            delete item->fn_data;
+            recycle(item);
+        }
     } else {
         // The waiter in run() is woken with the mutex free, so it does not
         // block again on it while this pass goes on.
         item->completed = true;
-        pthread_mutex_unlock(&lock);
+        OwnedMutex::Unlock unlocked(mtx);
         pthread_cond_broadcast(&cond);
-        pthread_mutex_lock(&lock);
     }
+    if (thrown) std::rethrow_exception(thrown);
 }
 
-// Called with `lock` released.
+// Called with `mtx` released.
 void QueuePrivate::wakeup() {
     if (wakeup_fn != nullptr) (wakeup_ctx->*wakeup_fn)();
 }
 
-// Caller holds `lock`. May throw std::bad_alloc, with nothing changed.
-void QueuePrivate::appendTimer(Timer* that) {
+// Caller holds `mtx`. A thread waiting for the explicit lock comes first,
+// then pending callbacks, then due timers; with none of those the thread
+// sleeps when it may wait and was not interrupted, and returns otherwise.
+QueuePrivate::Step QueuePrivate::nextStep(bool mayWait) {
     KEL_DEBUG_ASSERT(mutexHeld());
-    ItemTimer* item = getNode<ItemTimer>(that->fn, that->ctx, true, false);
-    item->tiggerTime = timeUs() + periodUs(that->mMSec);
-    item->that = that;
-    _appendTimer(item);
-}
-
-// Caller holds `lock`. Equal deadlines keep their order of insertion.
-void QueuePrivate::_appendTimer(ItemTimer* item) {
-    KEL_DEBUG_ASSERT(mutexHeld());
-    ItemTimer* prev = nullptr;
-    ItemTimer* p = timerhead;
-    while (p != nullptr && p->tiggerTime <= item->tiggerTime) {
-        prev = p;
-        p = nextTimer(p);
-    }
-    item->next = p;
-    if (prev != nullptr) {
-        prev->next = item;
-    } else {
-        timerhead = item;
-    }
-}
-
-// Caller holds `lock`. While a timer callback runs, the item at the head
-// belongs to procTimer and stays.
-void QueuePrivate::removeTimer(Timer* timer) {
-    KEL_DEBUG_ASSERT(mutexHeld());
-    if (timer->isRunning()) return;
-    ItemTimer* prev = nullptr;
-    ItemTimer* p = timerhead;
-    if (timerProc && p != nullptr) {
-        prev = p;
-        p = nextTimer(p);
-    }
-    while (p != nullptr) {
-        ItemTimer* next = nextTimer(p);
-        if (p->that == timer) {
-            if (prev != nullptr) {
-                prev->next = next;
-            } else {
-                timerhead = next;
-            }
-            recycle(p);
-        } else {
-            prev = p;
-        }
-        p = next;
-    }
-}
-
-// Caller holds `lock`. While a timer callback runs, the answer is for the
-// entries behind the one firing, and that one is never pruned here: only
-// procTimer takes it off.
-int64_t QueuePrivate::getWait() {
-    KEL_DEBUG_ASSERT(mutexHeld());
-    ItemTimer* held = (timerProc && timerhead != nullptr) ? timerhead : nullptr;
-    ItemTimer* first = held != nullptr ? nextTimer(held) : timerhead;
-    while (first != nullptr && !first->that->isRunning()) {
-        ItemTimer* next = nextTimer(first);
-        recycle(first);
-        first = next;
-    }
-    if (held != nullptr) {
-        held->next = first;
-    } else {
-        timerhead = first;
-    }
-    if (first == nullptr) return INT64_MAX;
-    return first->tiggerTime - timeUs();
-}
-
-// Caller holds `lock`.
-bool QueuePrivate::haveTigger() {
-    KEL_DEBUG_ASSERT(mutexHeld());
-    return timerhead != nullptr && timerhead->tiggerTime < timeUs();
-}
-
-// Caller holds `lock`; it is released around the callback.
-void QueuePrivate::procTimer() {
-    KEL_DEBUG_ASSERT(mutexHeld());
-    ItemTimer* cur;
-    for (;;) {
-        cur = timerhead;
-        if (cur == nullptr) return;
-        if (cur->that->isRunning()) break;
-        timerhead = nextTimer(cur);
-        recycle(cur);
-    }
-    if (timeUs() < cur->tiggerTime) return;
-
-    KEL_ASSERT(!timerProc);
-    timerProc = true;
-    pthread_mutex_unlock(&lock);
-
-    (cur->fn_data->*cur->fn)();
-
-    pthread_mutex_lock(&lock);
-    KEL_ASSERT(timerProc);
-    timerProc = false;
-    wakeLockers();
-    timerhead = nextTimer(cur);
-
-    Timer* t = cur->that;
-    bool rearm = t->isRunning() && t->repeat();
-    // A repeating timer restarted from its own callback already has its new
-    // entry on the list; that one counts and the running entry goes, so the
-    // timer never has two entries pending.
-    for (ItemTimer* p = timerhead; rearm && p != nullptr; p = nextTimer(p)) {
-        if (p->that == t) rearm = false;
-    }
-    if (rearm) {
-        cur->tiggerTime = timeUs() + periodUs(t->mMSec);
-        _appendTimer(cur);
-    } else {
-        recycle(cur);
-    }
+    if (lock_requests != 0) return Step::HoldForLocker;
+    if (head != nullptr) return Step::RunCallback;
+    if (haveTigger()) return Step::RunTimer;
+    if (!interrupted && mayWait) return Step::Sleep;
+    return Step::Return;
 }
 
 // ---------------------------------------------------------------------------
@@ -645,7 +194,7 @@ Queue::Queue() : d(new QueuePrivate) {}
 Queue::~Queue() { d->unref(); }
 
 int64_t Queue::getNeedWait() {
-    PthreadAutolock guard(&d->lock);
+    OwnedMutex::Lock guard(d->mtx);
     return d->getWait();
 }
 
@@ -671,63 +220,83 @@ void Queue::enqueueNotify(Object::Callback1 fn, Object* fn_data) {
 
 void Queue::cancelFn(Object::Callback1 fn, Object* fn_data) {
     KEL_ASSERT(fn_data != nullptr);
-    PthreadAutolock guard(&d->lock);
+    OwnedMutex::Lock guard(d->mtx);
     d->remove(fn, fn_data);
 }
 
 void Queue::run(Object::Callback1 fn, Object* fn_data) {
     KEL_ASSERT(fn_data != nullptr);
     DispatchItem item(fn, fn_data, false, false, false);
-    pthread_mutex_lock(&d->lock);
-    bool wake = d->link(&item);
-    pthread_mutex_unlock(&d->lock);
+    bool wake;
+    {
+        OwnedMutex::Lock guard(d->mtx);
+        wake = d->link(&item);
+    }
     d->announce(wake);
-    pthread_mutex_lock(&d->lock);
-    while (!item.completed) pthread_cond_wait(&d->cond, &d->lock);
-    pthread_mutex_unlock(&d->lock);
+    OwnedMutex::Lock guard(d->mtx);
+    while (!item.completed) d->mtx.wait(&d->cond);
 }
 
+// Checks that fail here throw with the queue's mutex held; the guard
+// releases it on the way out, so a misuse caught here leaves the queue
+// usable.
 void Queue::queueProcess(int timeout) {
-    const bool needWait = timeout > 0;
-    pthread_mutex_lock(&d->lock);
-    DISPATCH_CHECK_UNLOCK(!d->in_process, &d->lock);
+    const bool mayWait = timeout > 0;
+    OwnedMutex::Lock guard(d->mtx);
+    KEL_ASSERT(!d->in_process);
     d->in_process = true;
     d->in_process_thread = pthread_self();
-    if (d->lock_requests != 0) pthread_cond_broadcast(&d->cond);
+    d->wakeLockers();
 
-    for (;;) {
-        if (d->lock_requests != 0) {
-            pthread_cond_wait(&d->cond, &d->lock);
-        } else if (d->head != nullptr) {
-            d->procEventFunc();
-        } else if (d->haveTigger()) {
-            d->procTimer();
-        } else if (!d->interrupted && needWait) {
-            d->wait = d->getWait();
-            if (d->wait < 1) continue;
-            timespec until = timeUsToTimespec(d->wait);
-            d->sleeping = true;
-            pthread_cond_timedwait(&d->cond, &d->lock, &until);
-            d->sleeping = false;
-        } else {
-            break;
+    // A callback that threw has had its item finished; the queue is left
+    // with no thread processing, ready for the next call.
+    struct LeaveOnThrow {
+        QueuePrivate* d;
+        ~LeaveOnThrow() {
+            if (d != nullptr) d->in_process = false;
+        }
+    } leave{d};
+    for (bool more = true; more;) {
+        switch (d->nextStep(mayWait)) {
+            case QueuePrivate::Step::HoldForLocker:
+                d->mtx.wait(&d->cond);
+                break;
+            case QueuePrivate::Step::RunCallback:
+                d->procEventFunc();
+                break;
+            case QueuePrivate::Step::RunTimer:
+                d->procTimer();
+                break;
+            case QueuePrivate::Step::Sleep: {
+                d->wait = d->getWait();
+                if (d->wait < 1) break;
+                timespec now;
+                clock_gettime(CLOCK_MONOTONIC, &now);
+                timespec until = internal::timespecAfter(now, d->wait);
+                d->sleeping = true;
+                d->mtx.timedWait(&d->cond, &until);
+                d->sleeping = false;
+                break;
+            }
+            case QueuePrivate::Step::Return:
+                more = false;
+                break;
         }
     }
-
     KEL_ASSERT(!d->locked);
+    leave.d = nullptr;
     d->in_process = false;
     d->interrupted = false;
-    pthread_mutex_unlock(&d->lock);
 }
 
 void Queue::interrupt() {
-    PthreadAutolock guard(&d->lock);
+    OwnedMutex::Lock guard(d->mtx);
     d->interrupted = true;
     pthread_cond_broadcast(&d->cond);
 }
 
 void Queue::adjustTimeout(long until) {
-    PthreadAutolock guard(&d->lock);
+    OwnedMutex::Lock guard(d->mtx);
     if (d->in_process && static_cast<int64_t>(until) < d->wait) {
         d->wait = until;
         pthread_cond_broadcast(&d->cond);
@@ -736,93 +305,37 @@ void Queue::adjustTimeout(long until) {
 
 void Queue::lock() {
     const pthread_t self = pthread_self();
-    pthread_mutex_lock(&d->lock);
-    if (d->in_process) DISPATCH_CHECK_UNLOCK(!pthread_equal(d->in_process_thread, self), &d->lock);
-    if (d->locked_explicit) {
-        DISPATCH_CHECK_UNLOCK(!pthread_equal(d->locked_explicit_thread, self), &d->lock);
-    }
+    OwnedMutex::Lock guard(d->mtx);
+    KEL_ASSERT(!d->in_process || !pthread_equal(d->in_process_thread, self));
+    KEL_ASSERT(!d->locked_explicit || !pthread_equal(d->locked_explicit_thread, self));
     d->lock_requests++;
     while (!d->in_process) {
-        pthread_mutex_unlock(&d->lock);
-        d->wakeup();
-        pthread_mutex_lock(&d->lock);
+        {
+            OwnedMutex::Unlock unlocked(d->mtx);
+            d->wakeup();
+        }
         if (d->in_process) break;
-        pthread_cond_wait(&d->cond, &d->lock);
+        d->mtx.wait(&d->cond);
     }
-    while (!d->in_process || d->locked) pthread_cond_wait(&d->cond, &d->lock);
+    while (!d->in_process || d->locked) d->mtx.wait(&d->cond);
     KEL_ASSERT(d->lock_requests != 0);
-    KEL_ASSERT(!d->locked);
     KEL_ASSERT(!d->locked_explicit);
-    d->locked = true;
+    // The explicit lock holds `locked` in place of a callback.
+    d->beginCallback();
     d->locked_explicit = true;
     d->locked_explicit_thread = self;
-    pthread_mutex_unlock(&d->lock);
 }
 
 void Queue::unlock() {
-    pthread_mutex_lock(&d->lock);
-    DISPATCH_CHECK_UNLOCK(
-        d->locked && d->locked_explicit && pthread_equal(d->locked_explicit_thread, pthread_self()),
-        &d->lock);
+    OwnedMutex::Lock guard(d->mtx);
+    KEL_ASSERT(d->locked && d->locked_explicit && pthread_equal(d->locked_explicit_thread, pthread_self()));
     d->locked = false;
     d->locked_explicit = false;
     d->lock_requests--;
     pthread_cond_broadcast(&d->cond);
-    pthread_mutex_unlock(&d->lock);
 }
 
-void Queue::profile() { gPool->profile(); }
-
-// ---------------------------------------------------------------------------
-// Timer
-
-Timer::Timer(Queue* q)
-    : d(q->d->ref()), mIsRunning(false), mRepeat(false), mMSec(0), fn(nullptr), ctx(nullptr) {}
-
-// Entries left on the list are removed here, so an armed timer may be
-// destroyed without stopping it first (outside its own callback).
-Timer::~Timer() {
-    {
-        PthreadAutolock guard(&d->lock);
-        mIsRunning.store(false, std::memory_order_relaxed);
-        d->removeTimer(this);
-    }
-    d->unref();
-}
-
-void Timer::setHandler(Object::Callback1 f, Object* c) {
-    fn = f;
-    ctx = c;
-}
-
-// The new entry is made before the timer counts as running again, so a heap
-// failure leaves the timer stopped and the queue's mutex released.
-void Timer::restart(int msec) {
-    KEL_ASSERT(fn != nullptr);
-    PthreadAutolock guard(&d->lock);
-    mMSec = msec;
-    mIsRunning.store(false, std::memory_order_relaxed);
-    d->removeTimer(this);
-    d->appendTimer(this);
-    mIsRunning.store(true, std::memory_order_relaxed);
-    pthread_cond_broadcast(&d->cond);
-}
-
-void Timer::stop() {
-    PthreadAutolock guard(&d->lock);
-    mIsRunning.store(false, std::memory_order_relaxed);
-    if (!d->timerProc) d->removeTimer(this);
-}
-
-bool Timer::isRunning() const { return mIsRunning.load(std::memory_order_relaxed); }
-
-// The flag alone: true makes a stopped entry still on the list fire again,
-// false makes pending entries inert until they are pruned.
-void Timer::setIsRunning(bool running) { mIsRunning.store(running, std::memory_order_relaxed); }
-
-bool Timer::repeat() const { return mRepeat.load(std::memory_order_relaxed); }
-
-void Timer::setRepeat(bool rep) { mRepeat.store(rep, std::memory_order_relaxed); }
+void Queue::profile() { nodes::profile(); }
 
 // ---------------------------------------------------------------------------
 // Loop
@@ -840,7 +353,7 @@ void Loop::setQueue(Queue* queue) {
 }
 
 void Loop::put(Evt& e, bool front) {
-    PthreadAutolock guard(&d->lock);
+    OwnedMutex::Lock guard(d->mtx);
     LoopEvtItem* item = d->getLoopNode(e);
     if (front) {
         item->next = d->loopHead;
@@ -867,18 +380,18 @@ void Loop::exec() {
     d->exitLoop.store(false, std::memory_order_relaxed);
     while (!d->exitLoop.load(std::memory_order_relaxed)) {
         q->queueProcess(1);
-        pthread_mutex_lock(&d->lock);
+        OwnedMutex::Lock guard(d->mtx);
         while (d->loopHead != nullptr) {
             LoopEvtItem* item = d->loopHead;
             d->loopHead = item->next;
             if (d->loopHead == nullptr) d->loopTail = nullptr;
             item->next = nullptr;
-            pthread_mutex_unlock(&d->lock);
-            procSubMsg(item->evt);
-            pthread_mutex_lock(&d->lock);
+            {
+                OwnedMutex::Unlock unlocked(d->mtx);
+                procSubMsg(item->evt);
+            }
             d->recycle(item);
         }
-        pthread_mutex_unlock(&d->lock);
     }
 }
 

@@ -29,12 +29,10 @@
 //
 // Memory
 //   Pending callbacks, timer entries and loop events live in fixed-size
-//   nodes of one process-wide free list that grows on demand and never
-//   shrinks. Each queue takes nodes from it in small batches and keeps the
-//   ones it has used for its own next work; they go back to the list when
-//   the queue's body goes. Once every queue has reached its peak, no
-//   operation of this module touches the heap. Queue::profile counts only
-//   nodes holding work as used.
+//   nodes shared by all queues. Nodes are made only when none is free and
+//   are never freed, so once the process's peak of pending work has been
+//   reached no operation of this module touches the heap. Queue::profile
+//   logs the nodes holding work ("used") and those made.
 #ifndef KEL_EVENTS_DISPATCH_PROCESS_H
 #define KEL_EVENTS_DISPATCH_PROCESS_H
 
@@ -49,10 +47,7 @@ namespace dispatch {
 
 class QueuePrivate;
 
-// Base of every class whose member functions are used as callbacks. In a
-// class with several bases, make Object the first one: the call is correct
-// either way, but the undefined-behaviour sanitizer's check of the object's
-// dynamic type misreports member calls whose target sits at an offset.
+// Base of every class whose member functions are used as callbacks.
 class KEL_API Object {
 public:
     // A no-argument member function of an Object subclass. A callback is
@@ -75,9 +70,15 @@ inline Object::Callback1 FUNC(T fn) {
 // processing thread, with no lock held. A pending callback comes before a
 // due timer.
 //
-// Limits: a callback must not throw, must not call run() or queueProcess()
-// on its own queue, and must not take the explicit lock of its own queue.
-// A null `fn` must not be queued; a null target asserts.
+// Limits: a callback must not call run() or queueProcess() on its own
+// queue, and must not take the explicit lock of its own queue. A null `fn`
+// must not be queued; a null target asserts.
+//
+// Exceptions: a callback (or timer callback) that throws has its item
+// finished as if it had returned (an auto-free target is deleted, a waiter
+// in run() returns; a timer entry goes home, not re-armed), and the
+// exception then leaves queueProcess, with the queue ready for the next
+// call.
 class KEL_API Queue : public Object {
 public:
     Queue();
@@ -161,9 +162,9 @@ private:
 // isRunning() until stop().
 //
 // Limits: 0 <= msec <= 2147483 (a little under 36 minutes). The target must
-// stay alive as long as the timer can fire. A timer must not be destroyed
-// from its own callback, nor while its callback runs on another thread;
-// destroying an armed timer otherwise is fine.
+// stay alive as long as the timer can fire. A timer may be destroyed at any
+// time, armed or not, also from its own callback: it never fires again (a
+// callback already running on another thread runs to its end).
 class KEL_API Timer : public Object {
 public:
     // `q` must not be null; the timer keeps the queue's body alive.
@@ -224,9 +225,8 @@ public:
     };
 
     Loop();
-    // Not virtual: destroy a loop through its own type. Asserts setQueue()
-    // was called.
-    ~Loop();
+    // Asserts setQueue() was called.
+    virtual ~Loop();
 
     void setQueue(Queue* queue);
     // Handles one event. The reference is valid for the call only.
@@ -252,12 +252,6 @@ private:
     QueuePrivate* d;
     Queue* q;
 };
-
-namespace internal {
-// `now` advanced by `time_us` microseconds, with the seconds added clamped
-// at 10,000,000 (about 115 days). Used for the deadlines of timed waits.
-timespec timespecAfter(const timespec& now, int64_t time_us);
-}  // namespace internal
 
 }  // namespace dispatch
 

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <new>
 
 #include "common_log.h"
+#include "daemon_pool.h"
 #include "daemon_thread.h"
 #include "kel_mutex.h"
 
@@ -70,7 +72,7 @@ public:
         }
     };
 
-    WorkThread() : mRefs(1), mPasses(0), mPassRef(false) {}
+    WorkThread();
     ~WorkThread() override;
 
     // Queues one work and makes sure a pooled thread will serve the queue.
@@ -88,6 +90,22 @@ protected:
     void threadExit() override;
 
 private:
+    // Caller holds mMtx. DaemonThread::start(), which may throw
+    // std::bad_alloc; mStartOwed stays set then.
+    void startPass();
+
+    // fork() handlers for all queues: the prepare handler holds every
+    // queue's mMtx across the fork; in the child, each queue is reset to
+    // serve new work (see kel_dispatch.h for the work pending then).
+    static void registerForkHandlers();
+    static void forkPrepare();
+    static void forkParent();
+    static void forkChild();
+
+    // Neighbours in the list of all queues, under _g_queues_lock.
+    WorkThread* mPrevQueue;
+    WorkThread* mNextQueue;
+
     // Under mMtx.
     int mRefs;
     WorkPrepareList prepare;
@@ -96,14 +114,52 @@ private:
     int mPasses;
     // The queue holds a reference of its own while it has work or a pass.
     bool mPassRef;
+    // The last start of a pass threw (no memory to bind a thread): queued
+    // work may have nobody to serve it until a start succeeds.
+    bool mStartOwed;
+    // The work that run() executes, null between works, and the thread of
+    // that pass: in a child of fork() it tells the one pass that goes on.
+    WorkNode* mCurrent;
+    pthread_t mRunThread;
     KelMutex mMtx;
 };
+
+// Every queue, for the fork() handlers. Both need no run-time construction,
+// so queues may be made and freed at any point of start-up and exit.
+pthread_mutex_t _g_queues_lock = PTHREAD_MUTEX_INITIALIZER;
+WorkThread* _g_queues = nullptr;
+pthread_once_t _g_fork_once = PTHREAD_ONCE_INIT;
+
+WorkThread::WorkThread()
+    : mPrevQueue(nullptr),
+      mNextQueue(nullptr),
+      mRefs(1),
+      mPasses(0),
+      mPassRef(false),
+      mStartOwed(false),
+      mCurrent(nullptr),
+      mRunThread() {
+    // The pool first: made before the queue, it is destroyed after it at
+    // exit, and its fork() handlers, registered earlier, take the pool lock
+    // after ours have taken every mMtx (the lock order).
+    kel_pool_init();
+    pthread_once(&_g_fork_once, registerForkHandlers);
+    pthread_mutex_lock(&_g_queues_lock);
+    mNextQueue = _g_queues;
+    if (_g_queues != nullptr) _g_queues->mPrevQueue = this;
+    _g_queues = this;
+    pthread_mutex_unlock(&_g_queues_lock);
+}
 
 // A pass keeps its queue alive: the queue holds one extra reference from the
 // first queued work until the pass that finds it empty (with no other pass
 // in flight) is done, so the last handle may be dropped at any time. Only
 // then can the destructor run, and it frees the nodes as nothing can use them.
 WorkThread::~WorkThread() {
+    pthread_mutex_lock(&_g_queues_lock);
+    (mPrevQueue != nullptr ? mPrevQueue->mNextQueue : _g_queues) = mNextQueue;
+    if (mNextQueue != nullptr) mNextQueue->mPrevQueue = mPrevQueue;
+    pthread_mutex_unlock(&_g_queues_lock);
     while (WorkNode* node = prepare.pop()) delete node;
     while (WorkNode* node = free.head) {
         free.head = node->next;
@@ -121,13 +177,20 @@ void WorkThread::syncExec(DispatchFunc func, void* ctx) {
     // start() issued for the work ahead of this one either bound a pass,
     // which drains the queue before giving its thread back, or reached a
     // pass after its last look, whose threadExit() then restarts the queue.
+    // A start that threw did neither, so the next call starts again.
     bool wasEmpty = prepare.empty();
     prepare.push(node);
     if (!mPassRef) {
         mPassRef = true;
         ++mRefs;
     }
-    if (wasEmpty) DaemonThread::start();
+    if (wasEmpty || mStartOwed) startPass();
+}
+
+void WorkThread::startPass() {
+    mStartOwed = true;
+    DaemonThread::start();
+    mStartOwed = false;
 }
 
 void WorkThread::ref() {
@@ -143,13 +206,14 @@ bool WorkThread::unref() {
 void WorkThread::run() {
     mMtx.lock();
     ++mPasses;
-    WorkNode* item = prepare.pop();
+    mRunThread = pthread_self();
+    WorkNode* item = mCurrent = prepare.pop();
     mMtx.unlock();
     while (item != nullptr) {
         item->func(item->ctx);
         mMtx.lock();
         free.push(item);
-        item = prepare.pop();
+        item = mCurrent = prepare.pop();
         mMtx.unlock();
     }
 }
@@ -160,7 +224,11 @@ void WorkThread::threadExit() {
         Autolock lock(&mMtx);
         --mPasses;
         if (!prepare.empty()) {
-            DaemonThread::start();
+            try {
+                startPass();
+            } catch (const std::bad_alloc&) {
+                // No thread could be bound: the next syncExec() starts again.
+            }
             return;
         }
         if (mPasses == 0 && mPassRef) {
@@ -172,25 +240,61 @@ void WorkThread::threadExit() {
     if (last) delete this;
 }
 
+void WorkThread::registerForkHandlers() { pthread_atfork(forkPrepare, forkParent, forkChild); }
+
+void WorkThread::forkPrepare() {
+    pthread_mutex_lock(&_g_queues_lock);
+    for (WorkThread* q = _g_queues; q != nullptr; q = q->mNextQueue) q->mMtx.lock();
+}
+
+void WorkThread::forkParent() {
+    for (WorkThread* q = _g_queues; q != nullptr; q = q->mNextQueue) q->mMtx.unlock();
+    pthread_mutex_unlock(&_g_queues_lock);
+}
+
+// Only the forking thread lives on in the child, so only its pass (when it
+// forked from a work) goes on; the pool has unbound every other queue. Work
+// that was queued or running elsewhere at the fork is dropped: it belongs to
+// the parent, which runs it. Each queue then starts afresh on new work.
+void WorkThread::forkChild() {
+    for (WorkThread* q = _g_queues; q != nullptr; q = q->mNextQueue) {
+        bool forker = q->mCurrent != nullptr && pthread_equal(q->mRunThread, pthread_self());
+        while (WorkNode* node = q->prepare.pop()) q->free.push(node);
+        if (q->mCurrent != nullptr && !forker) q->free.push(q->mCurrent);
+        if (!forker) q->mCurrent = nullptr;
+        q->mPasses = forker ? 1 : 0;
+        // The pass reference of a queue left without a pass goes too, unless
+        // it is the last one (no handle left to free the queue by).
+        if (!forker && q->mPassRef && q->mRefs > 1) q->mPassRef = false, --q->mRefs;
+        q->mStartOwed = false;
+        q->mMtx.unlock();
+    }
+    pthread_mutex_unlock(&_g_queues_lock);
+}
+
 // The queue for work queued without one.
 // Memory ordering: release when published or cleared, acquire when read, so
 // a reader sees a fully built queue.
 std::atomic<WorkThread*> _g_work_thread{nullptr};
 
-// Makes the default queue at load time and drops its handle at exit.
+// Makes the default queue and drops its handle at exit.
 struct DefaultWorkQueue {
-    pid_t mPid;
-
-    DefaultWorkQueue() : mPid(getpid()) { _g_work_thread.store(new WorkThread, std::memory_order_release); }
+    DefaultWorkQueue() { _g_work_thread.store(new WorkThread, std::memory_order_release); }
     ~DefaultWorkQueue() {
-        // In a child of fork() the queue's lock may be held by a thread that
-        // does not exist there: leave the queue alone.
-        if (getpid() != mPid) return;
         kel_dispatch_queue_destory(_g_work_thread.exchange(nullptr, std::memory_order_acq_rel));
     }
 };
 
-DefaultWorkQueue _g_default_queue;
+// The default queue, made on first use: a static initializer of the
+// application that runs before ours (static link) may already queue work.
+// Null once it is gone at exit.
+WorkThread* defaultQueue() {
+    static DefaultWorkQueue made;
+    return _g_work_thread.load(std::memory_order_acquire);
+}
+
+// At load time at the latest.
+[[maybe_unused]] WorkThread* const _g_default_queue = defaultQueue();
 
 // Rendezvous: one blocked caller, on its own stack for the length of the call.
 struct waiter {
@@ -220,8 +324,7 @@ void kel_dispatch_queue_destory(DispathQueue* queue) {
 void kel_dispatch_queue_ref(DispathQueue* queue) { static_cast<WorkThread*>(queue)->ref(); }
 
 void kel_dispatch_async_t(DispathQueue* queue, DispatchFunc func, void* ctx) {
-    WorkThread* work =
-        queue != nullptr ? static_cast<WorkThread*>(queue) : _g_work_thread.load(std::memory_order_acquire);
+    WorkThread* work = queue != nullptr ? static_cast<WorkThread*>(queue) : defaultQueue();
     if (work == nullptr) {
         KEL_LOG(LOG_WARN, "default work queue is gone, work dropped");
         return;

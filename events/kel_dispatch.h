@@ -26,8 +26,19 @@
 //   pooled thread.
 // - If no pooled thread can be created (see DaemonThread::start), the work
 //   stays queued and the queue, with its work, is never freed.
+// - If binding a pooled thread runs out of memory, std::bad_alloc reaches
+//   the caller of kel_dispatch_async_t, but the work stays queued: the next
+//   call on that queue binds a thread again and the work runs then. A
+//   failure of the node's own allocation queues nothing.
+// - fork(): in the child every queue accepts and runs new work. Work that
+//   was queued or running at the fork is the parent's: the child drops it
+//   (it never runs there, its nodes are reused), except that a work which
+//   itself called fork() returns into its pass in the child, which then
+//   ends as the queue is empty.
 // - Work queued without a queue (null) goes to the process's default queue.
-//   At process exit its handle is dropped; work still queued then runs only
+//   It is made on first use, at library load at the latest, so static
+//   initializers may queue work too; the thread pool is made before it and
+//   destroyed after it. At process exit its handle is dropped; work still queued then runs only
 //   as long as the process lives, and null-queue work queued after main()
 //   has returned is dropped with a warning.
 #ifndef KEL_EVENTS_KEL_DISPATCH_H

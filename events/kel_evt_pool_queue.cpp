@@ -92,7 +92,8 @@ void KelPool::showArgs() {
 
 // --------------------------------------------------------------- KelQueue
 
-KelQueue::KelQueue() : m_frontEvt(nullptr), m_ring(nullptr), m_end(0), m_head(0), m_tail(0), m_nFree(0) {}
+KelQueue::KelQueue()
+    : m_frontEvt(nullptr), m_ring(nullptr), m_end(0), m_head(0), m_tail(0), m_nFree(0), m_closedIn(0) {}
 
 void KelQueue::init(const QEvt** qSto, uint_fast16_t qLen) {
     m_frontEvt.store(nullptr, std::memory_order_relaxed);
@@ -111,6 +112,7 @@ bool KelQueue::post(const QEvt* e, uint_fast16_t margin) {
     // poster retrying against a full queue does not hold up the taker.
     if (m_nFree.load(std::memory_order_relaxed) > margin) {
         Autolock lock(&mMtx);
+        if (closedLocked()) return false;
         QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);
         if (nFree > margin) {
             postLocked(e, nFree);
@@ -121,12 +123,22 @@ bool KelQueue::post(const QEvt* e, uint_fast16_t margin) {
     return false;
 }
 
+void KelQueue::close() {
+    Autolock lock(&mMtx);
+    m_closedIn = Kel::generation();
+}
+
+bool KelQueue::closedLocked() {
+    if (m_closedIn == 0 || m_closedIn != Kel::generation()) return false;
+    KEL_LOG(LOG_WARN, "event not posted, the loop has ended");
+    return true;
+}
+
 void KelQueue::postLocked(const QEvt* e, QEQueueCtr nFree) {
     QEvt* ev = const_cast<QEvt*>(e);
     if (ev->poolId_ != 0) ++ev->refCtr_;
     m_nFree.store(nFree - 1, std::memory_order_relaxed);
     if (m_frontEvt.load(std::memory_order_relaxed) == nullptr) {
-        // Memory ordering: release; pairs with the acquire in isEmpty.
         m_frontEvt.store(e, std::memory_order_release);
     } else {
         QEQueueCtr head = m_head.load(std::memory_order_relaxed);
@@ -136,30 +148,11 @@ void KelQueue::postLocked(const QEvt* e, QEQueueCtr nFree) {
     }
 }
 
-const QEvt* KelQueue::putFront(const QEvt* e) {
+void KelQueue::putFront(const QEvt* e) {
     QEvt* ev = const_cast<QEvt*>(e);
     if (ev->poolId_ != 0) ++ev->refCtr_;
     const QEvt* front = m_frontEvt.load(std::memory_order_relaxed);
-    QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);
-    const QEvt* victim = nullptr;
-
-    if (nFree != 0) {
-        m_nFree.store(nFree - 1, std::memory_order_relaxed);
-    } else if (m_end == 0) {
-        // No ring at all: the front event itself gives way.
-        victim = front;
-        front = nullptr;
-    } else {
-        // Full ring (m_head == m_tail): the entry posted last gives way, as a
-        // post arriving at a full queue would have been refused. Taking it
-        // back frees the slot just above m_tail, which the former front event
-        // then takes below.
-        QEQueueCtr head = m_head.load(std::memory_order_relaxed) + 1;
-        if (head == m_end) head = 0;
-        victim = m_ring[head];
-        m_head.store(head, std::memory_order_relaxed);
-    }
-
+    m_nFree.store(m_nFree.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
     if (front != nullptr) {
         QEQueueCtr tail = m_tail.load(std::memory_order_relaxed) + 1;
         if (tail == m_end) tail = 0;
@@ -167,26 +160,88 @@ const QEvt* KelQueue::putFront(const QEvt* e) {
         m_ring[tail] = front;
     }
     m_frontEvt.store(e, std::memory_order_release);
-    return victim;
 }
 
-void KelQueue::postLIFO(const QEvt* e) {
-    const QEvt* victim;
+QEQueueCtr KelQueue::applicationEntries() {
+    const QEvt* front = m_frontEvt.load(std::memory_order_relaxed);
+    if (front == nullptr) return 0;
+    QEQueueCtr n = front->sig > SIG_INNER_PROC ? 1 : 0;
+    QEQueueCtr entries = m_end - m_nFree.load(std::memory_order_relaxed);
+    QEQueueCtr tail = m_tail.load(std::memory_order_relaxed);
+    for (QEQueueCtr k = 0; k < entries; ++k) {
+        if (m_ring[(tail + m_end - k) % m_end]->sig > SIG_INNER_PROC) ++n;
+    }
+    return n;
+}
+
+const QEvt* KelQueue::dropNewestApplicationEvent() {
+    QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);
+    QEQueueCtr entries = m_end - nFree;  // in the ring, behind the front slot
+    QEQueueCtr tail = m_tail.load(std::memory_order_relaxed);
+    // Ring position of the k-th entry behind the front slot, oldest first.
+    auto at = [&](QEQueueCtr k) { return (tail + m_end - k) % m_end; };
+    for (QEQueueCtr k = entries; k-- > 0;) {
+        const QEvt* victim = m_ring[at(k)];
+        if (victim->sig <= SIG_INNER_PROC) continue;
+        // The newer entries close the gap; the newest position is free again.
+        for (QEQueueCtr j = k; j + 1 < entries; ++j) m_ring[at(j)] = m_ring[at(j + 1)];
+        m_head.store(at(entries - 1), std::memory_order_relaxed);
+        m_nFree.store(nFree + 1, std::memory_order_relaxed);
+        return victim;
+    }
+    // Only the front event is left to give way, if it may.
+    const QEvt* front = m_frontEvt.load(std::memory_order_relaxed);
+    return front != nullptr && front->sig > SIG_INNER_PROC ? takeFront() : nullptr;
+}
+
+bool KelQueue::postLIFO(const QEvt* e) {
+    const QEvt* one[1] = {e};
+    return postLIFO(one, 1);
+}
+
+bool KelQueue::postLIFO(const QEvt** evts, uint_fast16_t n) {
+    for (uint_fast16_t i = 0; i < n; ++i) KEL_ASSERT(evts[i] != nullptr);
     {
         Autolock lock(&mMtx);
-        KEL_ASSERT(e != nullptr);
-        victim = putFront(e);
+        if (closedLocked()) return false;
+        QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);
+        // The loop's own commands never give way: without enough
+        // application events to make room, the whole post is refused.
+        if (nFree < n && applicationEntries() < n - nFree) {
+            KEL_LOG(LOG_WARN, "event not posted");
+            return false;
+        }
+        // Newest of the batch first, each at the very front, so evts[0] ends
+        // up next. Application events queued before the batch are all newer
+        // than it, so the search from the newest end never reaches the batch.
+        // A placed event's slot in `evts` keeps the entry that gave way.
+        for (uint_fast16_t i = n; i-- > 0;) {
+            const QEvt* victim = nullptr;
+            if (m_nFree.load(std::memory_order_relaxed) == 0) {
+                victim = dropNewestApplicationEvent();
+                KEL_ASSERT(victim != nullptr);  // counted above
+            }
+            putFront(evts[i]);
+            evts[i] = victim;
+        }
     }
-    if (victim != nullptr) {
-        // The queue's reference of the dropped event ends here, outside mMtx:
-        // the queue lock and the event mutex are never held together.
+    // The queue's references of the dropped events end outside mMtx: the
+    // queue lock and the event mutex are never held together.
+    for (uint_fast16_t i = 0; i < n; ++i) {
+        const QEvt* victim = evts[i];
+        if (victim == nullptr) continue;
         KEL_LOG(LOG_WARN, "queue full, event %d dropped for a LIFO post", static_cast<int>(victim->sig));
         if (victim->poolId_ != 0) Kel::gc(victim);
     }
+    return true;
 }
 
 const QEvt* KelQueue::get() {
     Autolock lock(&mMtx);
+    return takeFront();
+}
+
+const QEvt* KelQueue::takeFront() {
     const QEvt* e = m_frontEvt.load(std::memory_order_relaxed);
     if (e == nullptr) return nullptr;
     QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed) + 1;

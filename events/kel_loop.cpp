@@ -1,15 +1,8 @@
 #include "kel_loop.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <sched.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/prctl.h>
 #include <time.h>
-#include <unistd.h>
-
-#include <string.h>
 
 #include <memory>
 
@@ -17,6 +10,7 @@
 #include "kel_pool.h"
 #include "kel_port.h"
 #include "kel_queue.h"
+#include "kel_signal.h"
 #include "kel_timer.h"
 #include "state_list.h"
 #include "state_mache.h"
@@ -31,217 +25,6 @@ namespace {
 inline unsigned long selfId() { return static_cast<unsigned long>(pthread_self()); }
 
 bool queueIsEmpty(void* q) { return static_cast<KelQueue*>(q)->isEmpty(); }
-
-// ------------------------------------------------------ signal handling
-//
-// The handler runs in signal context on whatever thread the system picks,
-// possibly one that holds the event mutex, a queue's mutex or the heap's
-// lock. So it writes its log line (the logger is safe there) and hands the
-// rest of the branch to the signal thread "kel-signal" through a pipe: one
-// write(2) of a fixed record, never blocking. The signal thread allocates,
-// posts, wakes the loop and, for the error and exit branches, calls
-// occurSysError and exit(1) in plain thread context while the thread that
-// took the signal waits in its handler. A process with no signal thread of
-// its own (a child made by fork that did not call init_all) runs the branch
-// in the handler.
-
-enum Branch { kOther, kInterrupt, kExit, kError, kUser, kTerminate };
-
-Branch branchOf(int sig) {
-    switch (sig) {
-        case SIGINT:
-            return kInterrupt;
-        case SIGQUIT:
-        case SIGKILL:
-            return kExit;
-        case SIGILL:
-        case SIGABRT:
-        case SIGBUS:
-        case SIGFPE:
-        case SIGSEGV:
-        case SIGSTKFLT:
-            return kError;
-        case SIGUSR1:
-        case SIGUSR2:
-            return kUser;
-        case SIGTERM:
-            return kTerminate;
-        default:
-            return kOther;
-    }
-}
-
-struct SigRequest {
-    int32_t sig;
-    int32_t pid;    // sender
-    int32_t value;  // sival_int
-    int32_t pad;
-};
-
-// Written by kel_signal_install before the handler is installed, read by the
-// handler. Memory ordering: release on install, acquire in the handler.
-std::atomic<int> _g_sig_write_fd{-1};
-std::atomic<pid_t> _g_sig_owner{0};  // the process whose signal thread reads the pipe
-int _g_sig_read_fd = -1;
-
-// Branches in progress that may use the loop. The loop's destructor clears
-// `_loop` and then waits for this to be 0, so a branch never uses a loop
-// that is being destroyed. Memory ordering: the increment here and the load
-// of `_loop` below, like the destructor's store and load, are sequentially
-// consistent: either the branch sees no loop or the destructor sees it busy.
-std::atomic<int> _g_sig_busy{0};
-
-// Ends the process from a branch; not counted as busy, so that the exit
-// handlers may destroy the loop.
-[[noreturn]] void exitFromBranch() {
-    _g_sig_busy.fetch_sub(1, std::memory_order_release);
-    exit(1);
-}
-
-// The rest of a branch, after its log line. Signal thread (or, with no
-// signal thread, the handler).
-void runBranch(const SigRequest& r) {
-    _g_sig_busy.fetch_add(1, std::memory_order_seq_cst);
-    KelLoop* loop = __atomic_load_n(&_loop, __ATOMIC_SEQ_CST);
-    switch (branchOf(r.sig)) {
-        case kError:
-            if (loop != nullptr) loop->occurSysError();
-            exitFromBranch();
-        case kExit:
-            exitFromBranch();
-        case kUser: {
-            if (loop == nullptr) exitFromBranch();
-            GeneralQEvt* e =
-                static_cast<GeneralQEvt*>(KelLoop::newEvt(SIG_SYS_USER_SIGNAL, sizeof(GeneralQEvt)));
-            if (e != nullptr) {  // otherwise lost; newX_ has logged
-                e->message = r.sig;
-                e->wParam = r.pid;
-                e->lParam = r.value;
-                loop->postLIFO(e);
-                Kel::signal();
-            }
-            break;
-        }
-        case kInterrupt:
-            if (loop == nullptr) exitFromBranch();
-            loop->postCmd(SIG_SYS_SIGNAL_INT);
-            Kel::signal();
-            break;
-        case kTerminate: {
-            if (loop == nullptr) exitFromBranch();
-            bool ret = loop->postCmd(SIG_SYSTEM_POWEROFF);
-            Kel::signal();
-            KEL_LOG(LOG_DEBUG, "post cmd state, ret: %d", ret ? 1 : 0);
-            break;
-        }
-        case kOther:
-            break;
-    }
-    _g_sig_busy.fetch_sub(1, std::memory_order_release);
-}
-
-void* signalThreadMain(void*) {
-    prctl(PR_SET_NAME, "kel-signal", 0, 0, 0);
-    for (;;) {
-        SigRequest r;
-        ssize_t n = read(_g_sig_read_fd, &r, sizeof r);
-        if (n == static_cast<ssize_t>(sizeof r)) {
-            runBranch(r);
-        } else if (n < 0 && errno != EINTR) {
-            return nullptr;
-        }
-    }
-}
-
-void signal_handler(int sig, siginfo_t* info, void*) {
-    int savedErrno = errno;
-    Branch b = branchOf(sig);
-    switch (b) {
-        case kError:
-            KEL_LOG(LOG_WARN, "Application[%d] Occur error by signal:%d !!!", static_cast<int>(getpid()),
-                    sig);
-            break;
-        case kInterrupt:
-            KEL_LOG(LOG_WARN, "Application[%d] 'Ctrl+C' tigger.", static_cast<int>(getpid()));
-            break;
-        case kTerminate:
-            KEL_LOG(LOG_WARN, "Application[%d] will poweroff or terminal, loop handler: %p",
-                    static_cast<int>(getpid()),
-                    static_cast<void*>(__atomic_load_n(&_loop, __ATOMIC_RELAXED)));
-            break;
-        case kExit:
-            KEL_LOG(LOG_ERROR, "Application[%d] will exit by signal:%d", static_cast<int>(getpid()), sig);
-            break;
-        case kOther:
-            KEL_LOG(LOG_ERROR, "Application[%d] signal:%d tigger", static_cast<int>(getpid()), sig);
-            errno = savedErrno;
-            return;
-        case kUser:
-            break;
-    }
-    SigRequest r = {sig, info ? static_cast<int32_t>(info->si_pid) : 0,
-                    info ? static_cast<int32_t>(info->si_value.sival_int) : 0, 0};
-    int fd = _g_sig_write_fd.load(std::memory_order_acquire);
-    if (fd >= 0 && _g_sig_owner.load(std::memory_order_acquire) == getpid()) {
-        if (write(fd, &r, sizeof r) != static_cast<ssize_t>(sizeof r)) {
-            // The signal thread is that far behind: the request is refused
-            // here rather than blocking the interrupted thread.
-            KEL_LOG(LOG_ERROR, "Application[%d] signal:%d dropped, hand-over full",
-                    static_cast<int>(getpid()), sig);
-        } else if (b == kError || b == kExit) {
-            // The signal thread ends the process. Should it be unable to (a
-            // lock held by this thread), end it here after a while.
-            for (int i = 0; i < 500; ++i) {
-                timespec ts = {0, 10 * 1000 * 1000};
-                nanosleep(&ts, nullptr);
-            }
-            _exit(1);
-        }
-    } else {
-        runBranch(r);
-    }
-    errno = savedErrno;
-}
-
-// Starts the signal thread of this process (once per process) and installs
-// the handler for SIGTERM and SIGPIPE.
-void kel_signal_install() {
-    if (_g_sig_owner.load(std::memory_order_acquire) != getpid()) {
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC) == 0) {
-            fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) | O_NONBLOCK);
-            _g_sig_read_fd = fds[0];
-            // The signal thread blocks every signal, so that the handler
-            // never runs on the thread that must serve it.
-            sigset_t all, old;
-            sigfillset(&all);
-            pthread_sigmask(SIG_SETMASK, &all, &old);
-            pthread_t th;
-            int ret = pthread_create(&th, nullptr, signalThreadMain, nullptr);
-            pthread_sigmask(SIG_SETMASK, &old, nullptr);
-            if (ret == 0) {
-                // Named here as well, so that it carries its name from the
-                // moment init_all returns, not from whenever it first runs.
-                pthread_setname_np(th, "kel-signal");
-                pthread_detach(th);
-                _g_sig_write_fd.store(fds[1], std::memory_order_release);
-                _g_sig_owner.store(getpid(), std::memory_order_release);
-            } else {
-                KEL_LOG(LOG_WARN, "pthread_create failed, %d, %s", ret, strerror(ret));
-                close(fds[0]);
-                close(fds[1]);
-            }
-        }
-    }
-    int sigs[2] = {SIGTERM, SIGPIPE};
-    struct sigaction act;
-    struct sigaction old;
-    memset(&act, 0, sizeof act);
-    act.sa_sigaction = signal_handler;
-    act.sa_flags = SA_SIGINFO | SA_NOCLDWAIT;
-    sigemptyset(&act.sa_mask);
-    for (int i = 0; i < 2; ++i) sigaction(sigs[i], &act, &old);
-}
 
 }  // namespace
 
@@ -286,7 +69,7 @@ KelLoop::~KelLoop() {
     KEL_LOG(LOG_WARN, "Main Event Loop is exit.");
     __atomic_store_n(&_loop, nullptr, __ATOMIC_SEQ_CST);
     // A signal branch that found the loop finishes with it first.
-    while (_g_sig_busy.load(std::memory_order_seq_cst) != 0) sched_yield();
+    kel_signal_wait_branches();
     delete queue;  // events still queued are dropped, not released
     delete pool_gen;
     delete pool_state;
@@ -314,9 +97,10 @@ bool KelLoop::post(const QEvt* e) {
     return ret;
 }
 
-void KelLoop::postLIFO(const QEvt* e) {
-    queue->postLIFO(e);
+bool KelLoop::postLIFO(const QEvt* e) {
+    bool ret = queue->postLIFO(e);
     if (!isLooping()) Kel::signal();
+    return ret;
 }
 
 bool KelLoop::postCmd(int cmd) {
@@ -360,7 +144,15 @@ KelLoop::Turn KelLoop::waitEvent(const QEvt*& evt) {
         timer->processTimer();
         return kNextTurn;
     }
-    // A waiting event comes before sleep.
+    // A waiting event comes before sleep. A loop woken by a poster on its
+    // own CPU preempted that poster; before it sleeps again it gives the
+    // CPU back once, so that the poster runs on and posts more without
+    // signalling (the loop is not asleep), and the loop takes them in one
+    // stretch. Without this, on a single CPU every post wakes the loop,
+    // which handles one event and sleeps again. A loop woken from another
+    // CPU does not yield, so that no busy thread that shares its CPU can
+    // delay its next event.
+    if (queue->isEmpty() && Kel::wokenFromOwnCpu()) sched_yield();
     if (queue->isEmpty()) {
         // A post or wake-up since `seen` means no sleep; see Kel::wait.
         int ret = Kel::wait(&val, seen, queueIsEmpty, queue);
@@ -392,9 +184,12 @@ bool KelLoop::dispatchInner(const QEvt* evt) {
             return true;
         }
         case SIG_STATE_DELAY_EVENT:
-            // Only procStateEvent makes these, and it needs a machine; an
-            // application that posts the signal itself must register one.
-            KEL_ASSERT(state_mache != nullptr);
+            // An application may post any signal: without a machine this one
+            // has no receiver, and it is released like any other.
+            if (state_mache == nullptr) {
+                KEL_LOG(LOG_ERROR, "[%d] Event has no state machine.", static_cast<int>(evt->sig));
+                return true;
+            }
             state_mache->postEvent(evt);
             return true;
         case SIG_SYSTEM_POWEROFF:
@@ -434,6 +229,8 @@ int KelLoop::execLoop() {
         }
         Kel::gc(evt);
     }
+    // No loop takes what is posted from here on: posts are refused.
+    queue->close();
     Kel::uninit();
     return 0;
 }
@@ -464,6 +261,12 @@ void KelLoop::recycleEvent(const QEvt* evt) { Kel::gc(evt); }
 
 void KelLoop::procStateEvent(StateList* st) {
     KEL_ASSERT(st != nullptr && state_mache != nullptr);
+    // Popped newest first and filled in from the back: the batch is oldest
+    // first, and goes ahead of everything queued in one step, so the loop
+    // sees all of it or none of it, even while it runs on another thread.
+    const QEvt** batch = st->replaySlots();
+    int end = st->size();
+    int first = end;
     while (!st->empty()) {
         const StateQEvt* o = st->pop();
         if (!state_mache->test_event(static_cast<int>(o->stateMsg))) continue;
@@ -474,9 +277,16 @@ void KelLoop::procStateEvent(StateList* st) {
         e->wParam = o->wParam;
         e->lParam = o->lParam;
         e->pHander = o->pHander;
-        // Popped newest first and each put at the very front: the loop takes
-        // them oldest first, ahead of everything already queued.
-        postLIFO(e);
+        batch[--first] = e;
+    }
+    if (first == end) return;
+    uint_fast16_t n = static_cast<uint_fast16_t>(end - first);
+    bool posted = queue->postLIFO(batch + first, n);
+    if (!isLooping()) Kel::signal();
+    // Refused (no room, or the loop has ended): the replay is lost, as the
+    // queue has logged; the blocks go home.
+    if (!posted) {
+        for (int i = first; i < end; ++i) Kel::gc(batch[i]);
     }
 }
 

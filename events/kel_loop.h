@@ -4,6 +4,9 @@
 // (`msgs` blocks each) and the timer list. One thread runs it with `execLoop`
 // (or repeated `getMessage`): each turn serves due timers first, then takes
 // one event, then sleeps in a timed wait until the next deadline or post.
+// A loop woken by a poster on its own CPU yields that CPU once before it
+// sleeps again, so that the poster runs on and its events are taken in one
+// stretch; only the first post after the loop has gone to sleep wakes it.
 // An application derives from it and overrides the virtual operations.
 //
 // Thread rules:
@@ -20,8 +23,10 @@
 // KelLoop::init_all; build the state machine and the timers after it and
 // destroy them before it. After `execLoop` has returned 0 the event mutex is
 // gone: events may still be released and timers stopped (on a spare lock),
-// but nothing more should be posted. The destructor waits for a signal
-// branch that is still posting to the loop (a few instructions).
+// and every post is refused (false, one log line) since no loop will take
+// it, until Kel::init starts the framework again. Stop producers before the
+// loop ends (in `poweroff`, or before `exitLoop`). The destructor waits for
+// a signal branch that is still posting to the loop (a few instructions).
 #ifndef KEL_EVENTS_KEL_LOOP_H
 #define KEL_EVENTS_KEL_LOOP_H
 
@@ -58,7 +63,19 @@ public:
 
     // Starts the framework in a process: signal handling (unless bit
     // 0x1000000), the logging library (unless bit 0x2000000), Kel::init.
-    // Call once, before the first use of events.
+    // Call once, before the first use of events. Only those two switch bits
+    // of `def_level` count: its low bits are ignored and set no log level
+    // (use KEL_LOG_LEVEL or kellog::kel_log_set_level, msg_logger.h).
+    // 0x1000000 leaves SIGTERM and SIGPIPE at their default actions;
+    // 0x2000000 is for a process that starts the logging library itself.
+    // The signal handling runs
+    // its branches on a thread "kel-signal", ended and joined at process
+    // exit. Where that thread is missing (a forked child that did not call
+    // init_all, or its creation failed) the handler does only what is safe
+    // in signal context: it logs; the error and exit branches, and in a
+    // forked child every branch that would post, end the process with
+    // _exit(1) (no occurSysError, no exit handlers); otherwise the request is
+    // dropped with the line "Application[%d] signal:%d dropped, no signal thread".
     static void init_all(unsigned int def_level, const char* name, const char* confpath);
     // Kel::init's counterpart, for applications that drive `getMessage` or
     // got -1 from `execLoop`. Harmless after `execLoop` returned 0.
@@ -70,12 +87,17 @@ public:
     static QEvt* newEvt(int sig, int size);
 
     // First in, first out at margin 0, then wakes the loop. False when the
-    // queue is full (the event then stays with the caller).
+    // queue is full or the loop has ended (the event then stays with the
+    // caller), with one log line.
     bool post(const QEvt* e);
-    // Ahead of everything queued, then wakes the loop. Never refuses.
-    void postLIFO(const QEvt* e);
-    // Allocates a general event with signal `cmd` and posts it. On a full
-    // queue the block goes back to its pool and the result is false.
+    // Ahead of everything queued, then wakes the loop. On a full queue the
+    // newest application event gives way (released, with a log line); the
+    // loop's own commands never do, so with none of those queued, and after
+    // the loop has ended, it is refused like `post` (false, the event stays
+    // with the caller).
+    bool postLIFO(const QEvt* e);
+    // Allocates a general event with signal `cmd` and posts it. When the
+    // post is refused the block goes back to its pool and the result is false.
     bool postCmd(int cmd);
     // Wakes the loop without an event, so that it reads its deadline again.
     void wakeupCore();
@@ -85,12 +107,14 @@ public:
     // Posts SIG_EVENT_LOOP_EXIT.
     void exitLoop();
     // Runs the loop on the calling thread: 0 on a normal stop (after
-    // Kel::uninit), -1 when the timed wait failed.
+    // Kel::uninit; later posts are refused), -1 when the timed wait failed.
     int execLoop();
     // True when the caller is the loop's thread (not that the loop runs).
     bool isLooping();
 
-    // Replays the held-back events of the state machine ahead of the queue.
+    // Replays the held-back events of the state machine ahead of the queue,
+    // oldest first, in one step (see KelQueue::postLIFO). A SIG_STATE_DELAY_EVENT
+    // that reaches a loop without a machine is logged and released.
     void procStateEvent(StateList* st);
 
     // Pools and queue, for diagnosis and tests.

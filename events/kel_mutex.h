@@ -41,18 +41,4 @@ private:
     KelMutex* mMutex;
 };
 
-// Locks a plain pthread mutex for a scope, also when an exception passes:
-// for the framework's own mutexes that are not KelMutex objects.
-class KEL_API PthreadAutolock {
-public:
-    explicit PthreadAutolock(pthread_mutex_t* m) : mMutex(m) { pthread_mutex_lock(mMutex); }
-    ~PthreadAutolock() { pthread_mutex_unlock(mMutex); }
-
-    PthreadAutolock(const PthreadAutolock&) = delete;
-    PthreadAutolock& operator=(const PthreadAutolock&) = delete;
-
-private:
-    pthread_mutex_t* mMutex;
-};
-
 #endif

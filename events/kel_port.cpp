@@ -27,26 +27,53 @@ Line<bool> _g_alive{{false}};
 // Threads inside (or about to enter) Kel_event_mutex_. uninit waits until it
 // is 0 before destroying the mutex.
 Line<int> _g_users{{0}};
+// Number of inits that took effect; see Kel::generation.
+Line<uint32_t> _g_generation{{0}};
 // Guards the pools outside init..uninit. Never destroyed.
 pthread_mutex_t _g_spare_mutex = PTHREAD_MUTEX_INITIALIZER;
 Line<uint32_t> _g_wakeups{{0}};
-// True while the loop's thread is in (or entering) its timed wait.
+// Raised by the loop's thread under the event mutex as it enters its timed
+// wait; lowered by the first poster that signals it (so later posters find
+// the wake-up pending and send none) or by the loop as it leaves the wait.
+// Memory ordering: sequentially consistent with _g_wakeups (see signal).
 Line<bool> _g_sleeping{{false}};
 
-// Takes the event mutex if it is alive, the spare one otherwise.
+// CPU of the poster that signalled the loop's current wait, -1 if none.
+// Memory ordering: relaxed; written and read under the event mutex.
+std::atomic<int> _g_waker_cpu{-1};
+// Whether the loop's last sleep was ended by a poster running on the loop's
+// own CPU. Loop thread only.
+bool _g_shared_cpu = false;
+
+// Takes the event mutex if it is alive, the spare one otherwise. At no time
+// does one thread hold the event mutex while another holds the spare one:
+// - uninit clears _g_alive and then waits for the users of the event mutex.
+//   A thread that takes the spare mutex waits for them as well before it
+//   touches the pools.
+// - init holds the spare mutex while it sets _g_alive. A thread that got the
+//   spare mutex looks at _g_alive again under it and, if the event mutex has
+//   come alive meanwhile, goes back and takes that instead.
 // Memory ordering: the increment of _g_users and the load of _g_alive are
-// sequentially consistent, as are the store to _g_alive and the load of
-// _g_users in uninit: either uninit sees this user and waits for it, or this
-// user sees the mutex dead and keeps away from it.
+// sequentially consistent, as are the store to _g_alive in uninit and the
+// loads of _g_users there and here: either a thread that saw the mutex
+// alive is counted by the time _g_users is read, or it sees the mutex dead
+// and keeps away from it.
 pthread_mutex_t* acquireEventMutex() {
-    _g_users.v.fetch_add(1, std::memory_order_seq_cst);
-    if (_g_alive.v.load(std::memory_order_seq_cst)) {
-        pthread_mutex_lock(&Kel::Kel_event_mutex_);
-        return &Kel::Kel_event_mutex_;
+    for (;;) {
+        _g_users.v.fetch_add(1, std::memory_order_seq_cst);
+        if (_g_alive.v.load(std::memory_order_seq_cst)) {
+            pthread_mutex_lock(&Kel::Kel_event_mutex_);
+            return &Kel::Kel_event_mutex_;
+        }
+        _g_users.v.fetch_sub(1, std::memory_order_release);
+        pthread_mutex_lock(&_g_spare_mutex);
+        if (!_g_alive.v.load(std::memory_order_seq_cst)) {
+            // Holders of the event mutex from before uninit finish first.
+            while (_g_users.v.load(std::memory_order_seq_cst) != 0) sched_yield();
+            return &_g_spare_mutex;
+        }
+        pthread_mutex_unlock(&_g_spare_mutex);
     }
-    _g_users.v.fetch_sub(1, std::memory_order_release);
-    pthread_mutex_lock(&_g_spare_mutex);
-    return &_g_spare_mutex;
 }
 
 void releaseEventMutex(pthread_mutex_t* m) {
@@ -62,10 +89,19 @@ Kel::Autolock::~Autolock() { releaseEventMutex(mLocked); }
 
 void Kel::init() {
     // A second init over a live mutex would re-initialise it under a waiter;
-    // it is ignored instead.
-    if (_g_alive.v.load(std::memory_order_acquire)) return;
+    // it is ignored instead. The spare mutex is held across the switch, so
+    // that no thread works on the pools under it once the event mutex is
+    // handed out.
+    pthread_mutex_lock(&_g_spare_mutex);
+    if (_g_alive.v.load(std::memory_order_acquire)) {
+        pthread_mutex_unlock(&_g_spare_mutex);
+        return;
+    }
     pthread_condattr_t attr;
-    KEL_ASSERT(pthread_condattr_init(&attr) == 0);
+    if (pthread_condattr_init(&attr) != 0) {
+        pthread_mutex_unlock(&_g_spare_mutex);
+        KEL_ASSERT_FAIL();
+    }
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
     pthread_cond_init(&Kel_event_cond_, &attr);
     // Not recursive; adaptive like KelMutex: posters and the loop meet here
@@ -76,7 +112,9 @@ void Kel::init() {
     pthread_mutex_init(&Kel_event_mutex_, &mattr);
     pthread_mutexattr_destroy(&mattr);
     pthread_condattr_destroy(&attr);
+    _g_generation.v.fetch_add(1, std::memory_order_relaxed);
     _g_alive.v.store(true, std::memory_order_seq_cst);
+    pthread_mutex_unlock(&_g_spare_mutex);
 }
 
 void Kel::uninit() {
@@ -90,6 +128,8 @@ void Kel::uninit() {
 
 bool Kel::isAlive() { return _g_alive.v.load(std::memory_order_acquire); }
 
+uint32_t Kel::generation() { return _g_generation.v.load(std::memory_order_acquire); }
+
 void Kel::lock() {
     _g_users.v.fetch_add(1, std::memory_order_seq_cst);
     if (!_g_alive.v.load(std::memory_order_seq_cst)) {
@@ -101,22 +141,35 @@ void Kel::lock() {
 
 void Kel::unlock() { releaseEventMutex(&Kel_event_mutex_); }
 
+// No lost wake-up. A poster stores its event, then counts a wake-up, then
+// looks at the sleeper flag; the loop reads the count (`seen`), looks at its
+// queue and timers, then raises the flag and compares the count with `seen`
+// under the event mutex. Count and flag are sequentially consistent, so for
+// any post one of these holds:
+// - its count comes before the loop raises the flag: the loop's compare sees
+//   it (or `seen` already held it, and then the event was visible when the
+//   loop looked), and the loop does not sleep;
+// - its count comes after: the poster reads the flag after the loop raised
+//   it. It either clears the flag itself and signals, or finds it cleared by
+//   another poster that signals. A signalling poster takes the event mutex,
+//   which the loop holds from raising the flag until the wait releases it,
+//   so the signal reaches a waiting loop. The woken loop runs another turn;
+//   if that turn misses the later poster's event, its next compare sees the
+//   poster's count (which came before the flag was raised again) and it does
+//   not sleep.
+// So only the first poster after the loop goes to sleep pays for the mutex
+// and the signal: the others find the wake-up pending and return.
 void Kel::signal() {
-    // Memory ordering: the count goes up and then the sleeper flag is read,
-    // both sequentially consistent; the loop sets the flag and then reads the
-    // count (see wait). So either the loop sees this wake-up before it
-    // sleeps, or this call sees the loop asleep. A busy loop costs a poster
-    // no lock.
     _g_wakeups.v.fetch_add(1, std::memory_order_seq_cst);
     if (!_g_sleeping.v.load(std::memory_order_seq_cst)) return;
+    if (!_g_sleeping.v.exchange(false, std::memory_order_seq_cst)) return;  // already being woken
     pthread_mutex_t* m = acquireEventMutex();
+    _g_waker_cpu.store(sched_getcpu(), std::memory_order_relaxed);
     pthread_mutex_unlock(m);
     if (m != &Kel_event_mutex_) return;  // no loop: nobody to wake
-    // The loop holds the mutex from raising its flag until the wait gives it
-    // up, so having held it means the loop now waits (or has looked and not
-    // slept): the signal is not lost. Sent after the unlock, the woken loop
-    // does not block on the mutex again. Still counted as a user, so the
-    // condition is not destroyed under it.
+    // Sent after the unlock, so the woken loop does not block on the mutex
+    // again. Still counted as a user, so the condition is not destroyed
+    // under it.
     pthread_cond_signal(&Kel_event_cond_);
     _g_users.v.fetch_sub(1, std::memory_order_release);
 }
@@ -126,12 +179,17 @@ int Kel::wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*),
     lock();
     _g_sleeping.v.store(true, std::memory_order_seq_cst);
     if (stillIdle(arg) && _g_wakeups.v.load(std::memory_order_seq_cst) == seen) {
+        _g_waker_cpu.store(-1, std::memory_order_relaxed);
         ret = pthread_cond_timedwait(&Kel_event_cond_, &Kel_event_mutex_, deadline);
+        int waker = _g_waker_cpu.load(std::memory_order_relaxed);
+        _g_shared_cpu = waker >= 0 && waker == sched_getcpu();
     }
     _g_sleeping.v.store(false, std::memory_order_relaxed);
     unlock();
     return ret;
 }
+
+bool Kel::wokenFromOwnCpu() { return _g_shared_cpu; }
 
 uint32_t Kel::wakeups() { return _g_wakeups.v.load(std::memory_order_acquire); }
 

@@ -12,7 +12,9 @@
 // never destroyed, and `signal` has no sleeper to wake. So a timer stopped or
 // an event released after the loop has ended touches no destroyed mutex.
 // `uninit` waits for callers still inside the event mutex before destroying
-// it; only the first `uninit` after an `init` takes effect.
+// it; only the first `uninit` after an `init` takes effect. Mutual exclusion
+// holds across both switches: a thread never works on the pools under the
+// private mutex while another is inside the event mutex, or the reverse.
 #ifndef KEL_EVENTS_KEL_PORT_H
 #define KEL_EVENTS_KEL_PORT_H
 
@@ -52,25 +54,39 @@ public:
     static void uninit();
     // True between `init` and `uninit`.
     static bool isAlive();
+    // Number of `init` calls that took effect: a new value means the
+    // framework was started again. Memory ordering: raised before `init`
+    // publishes the live mutex (seq_cst store), read with acquire.
+    static uint32_t generation();
 
     // The loop's timed wait: lock, pthread_cond_timedwait, unlock.
     // Asserts that `init` has run.
     static void lock();
     static void unlock();
 
-    // Wakes the loop's thread: counts one wake-up and, if the loop sleeps,
-    // signals the event condition under the event mutex.
+    // Wakes the loop's thread: counts one wake-up and, if the loop sleeps
+    // and no other caller has woken it yet, takes the event mutex and
+    // signals the event condition. Any thread.
     static void signal();
     // The loop's timed wait until the absolute CLOCK_MONOTONIC `deadline`.
     // It does not sleep when a wake-up has been counted since `seen` or when
     // `stillIdle(arg)` (asked under the event mutex) is false. Returns 0 or
     // the error of pthread_cond_timedwait. Loop thread only.
     static int wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*), void* arg);
+    // True when the last sleep of `wait` was ended by a `signal` from a
+    // thread on the CPU the loop now runs on: the loop then preempted its
+    // poster. Loop thread only.
+    static bool wokenFromOwnCpu();
     // Number of wake-ups sent so far. The loop reads it before it looks at
     // its queue and timers and again under the event mutex before it sleeps:
     // a difference means a wake-up came in between, and it does not sleep.
     // Memory ordering: acquire; pairs with the release in `signal`, so the
     // post or timer change made before a wake-up is visible to the loop.
+    // The fast paths that skip a lock (the timer list with nothing armed,
+    // KelQueue::isEmpty, a poster taking the event mutex only when the loop
+    // sleeps) are correct only because both sides of the handshake (count
+    // then sleeper flag in `signal`, flag then count in `wait`) are
+    // sequentially consistent: weakening either breaks them.
     static uint32_t wakeups();
 
     // An event of at least `evtSize` bytes from the first registered pool

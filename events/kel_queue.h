@@ -31,17 +31,31 @@ public:
     // queue nor the event's count changes and the event stays with its caller.
     bool post(const QEvt* e, uint_fast16_t margin);
 
-    // Puts `e` ahead of everything queued. It never refuses: on a full queue
-    // the entry posted last gives way (see the source) and its reference is
-    // released, so that `e` is still delivered next.
-    void postLIFO(const QEvt* e);
+    // Puts `e` ahead of everything queued, so that it is taken next. On a
+    // full queue the newest application event (signal above SIG_INNER_PROC)
+    // gives way: it is logged and its reference released. The loop's own
+    // commands never give way: with no application event queued, the post
+    // is refused like a full queue's (false, LOG_WARN "event not posted";
+    // the event stays with its caller).
+    bool postLIFO(const QEvt* e);
+    // Puts `evts[0..n)` ahead of everything queued, `evts[0]` first, in one
+    // section under `mMtx`: the taker sees all of them or none. Room is made
+    // as for one event; when it cannot be made for all, none is posted and
+    // the result is false. On true the array's entries are used up (the
+    // queue keeps there the entries that gave way while it releases them).
+    bool postLIFO(const QEvt** evts, uint_fast16_t n);
+
+    // After the loop has ended: every later post and LIFO post is refused
+    // with "event not posted, the loop has ended" (false, the event stays
+    // with its caller), until Kel::init starts the framework again.
+    void close();
 
     // The front event, or null when empty. Does not wait.
     const QEvt* get();
 
     QEQueueCtr getNFree() const { return m_nFree.load(std::memory_order_relaxed); }
-    // Memory ordering: acquire, so that a taker that sees an event here also
-    // sees what the poster wrote into it before posting.
+    // A taker that sees an event here also sees what the poster wrote into
+    // it before posting (see m_frontEvt).
     bool isEmpty() const { return m_frontEvt.load(std::memory_order_acquire) == nullptr; }
     void showArgs();
 
@@ -51,18 +65,31 @@ public:
 private:
     // Caller holds `mMtx`, and `nFree` (the free count) is above the margin.
     void postLocked(const QEvt* e, QEQueueCtr nFree);
-    // Caller holds `mMtx`. Stores `e` ahead of everything; returns the entry
-    // that gave way on a full queue, or null.
-    const QEvt* putFront(const QEvt* e);
+    // Caller holds `mMtx`, and there is a free entry. Stores `e` ahead of
+    // everything.
+    void putFront(const QEvt* e);
+    // Caller holds `mMtx`. Application events queued.
+    QEQueueCtr applicationEntries();
+    // Caller holds `mMtx`. Takes the newest application event out of the
+    // queue, keeping the order of the others; null when there is none.
+    const QEvt* dropNewestApplicationEvent();
+    // Caller holds `mMtx`. The front event, taken out; null when empty.
+    const QEvt* takeFront();
+    // Caller holds `mMtx`. True (with its log line) when closed.
+    bool closedLocked();
 
     // All fields are written under `mMtx`; the atomics let `isEmpty` and
     // `showArgs` read them without it.
+    // Memory ordering: an event is stored here with release, and `isEmpty`
+    // loads it with acquire; every other access is relaxed.
     std::atomic<const QEvt*> m_frontEvt;
     const QEvt** m_ring;
     QEQueueCtr m_end;
     std::atomic<QEQueueCtr> m_head;
     std::atomic<QEQueueCtr> m_tail;
     std::atomic<QEQueueCtr> m_nFree;
+    // Kel::generation() when the loop ended; 0 while open. Under `mMtx`.
+    uint32_t m_closedIn;
     KelMutex mMtx;
 };
 

@@ -10,6 +10,7 @@
 namespace {
 
 // Numbers the threads in their default names.
+// Memory ordering: relaxed; only uniqueness of the number matters.
 std::atomic<unsigned> _g_thread_seq{0};
 
 }  // namespace
@@ -19,10 +20,13 @@ SimpleThread::SimpleThread() : mThread(), mRunning(false), mJoin(false) {
 }
 
 SimpleThread::~SimpleThread() {
-    // Memory ordering: relaxed; the value only decides whether to warn.
-    if (mRunning.load(std::memory_order_relaxed)) {
+    if (mRunning.load(std::memory_order_acquire)) {
         KEL_LOG(LOG_WARN, "Thread %lx went out of scope while running!", static_cast<unsigned long>(mThread));
     }
+    // A thread that has just ended may still be inside its last unlock:
+    // taking the mutex once waits for that, so it is destroyed unused.
+    pthread_mutex_lock(&mMutex);
+    pthread_mutex_unlock(&mMutex);
     pthread_mutex_destroy(&mMutex);
 }
 
@@ -33,7 +37,6 @@ void SimpleThread::cleanup() {}
 void* SimpleThread::callback(void* arg) {
     SimpleThread* self = static_cast<SimpleThread*>(arg);
     char name[16];
-    // Memory ordering: relaxed; only uniqueness of the number matters.
     snprintf(name, sizeof name, "kel-thr-%u",
              _g_thread_seq.fetch_add(1, std::memory_order_relaxed) % 10000000u);
     prctl(PR_SET_NAME, name, 0, 0, 0);
@@ -45,11 +48,12 @@ void* SimpleThread::callback(void* arg) {
     self->cleanup();
 
     pthread_mutex_lock(&self->mMutex);
-    // Memory ordering: relaxed; writers are ordered by mMutex, and lock-free
-    // readers only report.
-    self->mRunning.store(false, std::memory_order_relaxed);
-    if (!self->mJoin) pthread_detach(pthread_self());
+    bool detach = !self->mJoin;
+    // The thread's last use of the object but the unlock below, which the
+    // destructor waits for: a caller that sees isRunning() false may delete.
+    self->mRunning.store(false, std::memory_order_release);
     pthread_mutex_unlock(&self->mMutex);
+    if (detach) pthread_detach(pthread_self());
     pthread_exit(nullptr);
 }
 
@@ -58,7 +62,6 @@ bool SimpleThread::start() {
     // counts as started, so true always means "a thread was created or runs".
     bool started;
     pthread_mutex_lock(&mMutex);
-    // Memory ordering: relaxed; mMutex orders every write of mRunning.
     if (!mRunning.load(std::memory_order_relaxed)) {
         int ret = pthread_create(&mThread, nullptr, callback, this);
         if (ret != 0) KEL_LOG(LOG_WARN, "pthread_create failed, %d, %s", ret, strerror(ret));
@@ -75,7 +78,6 @@ bool SimpleThread::start() {
 bool SimpleThread::join() {
     int ret = 0;
     pthread_mutex_lock(&mMutex);
-    // Memory ordering: relaxed; mMutex orders every write of mRunning.
     if (mRunning.load(std::memory_order_relaxed)) {
         // With mJoin set the thread no longer detaches itself, so it is
         // joined exactly once here even if it ends before pthread_join.
@@ -83,16 +85,13 @@ bool SimpleThread::join() {
         pthread_mutex_unlock(&mMutex);
         ret = pthread_join(mThread, nullptr);
         pthread_mutex_lock(&mMutex);
-        if (ret == 0) mRunning.store(false, std::memory_order_relaxed);
+        if (ret == 0) mRunning.store(false, std::memory_order_release);
     }
     pthread_mutex_unlock(&mMutex);
     return ret == 0;
 }
 
-bool SimpleThread::isRunning() const {
-    // Memory ordering: relaxed; a snapshot for the caller, no data depends on it.
-    return mRunning.load(std::memory_order_relaxed);
-}
+bool SimpleThread::isRunning() const { return mRunning.load(std::memory_order_acquire); }
 
 unsigned long SimpleThread::id() { return static_cast<unsigned long>(mThread); }
 

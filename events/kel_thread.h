@@ -28,7 +28,9 @@
 //
 // Lifetime: the object must outlive its thread, since the end of the thread
 // body uses the object's fields. A subclass ends and joins its thread before
-// its own destructor finishes. The destructor neither joins, detaches nor
+// its own destructor finishes, or waits until isRunning() returns false: from
+// then on the thread is done with the object, which may be deleted (or
+// started again) at once. The destructor neither joins, detaches nor
 // cancels; it logs "Thread %lx went out of scope while running!" (LOG_WARN)
 // when the thread is still running.
 //
@@ -57,6 +59,8 @@ public:
     // when it was never started or ended by itself); false when pthread_join
     // failed, in which case the object stays running.
     bool join();
+    // False once the thread has ended (by itself or joined) or was never
+    // started. A false result means the thread no longer touches the object.
     bool isRunning() const;
 
     unsigned long id();
@@ -87,7 +91,11 @@ protected:
 
 private:
     pthread_t mThread;
-    // Read without the lock by isRunning() and the destructor.
+    // Written under mMutex, read without it by isRunning() and the destructor.
+    // Memory ordering: the thread's end and join() store false with release,
+    // lock-free readers load with acquire, so a reader that sees false also
+    // sees the thread's last use of the object; under mMutex, which orders
+    // every write, start() and join() read and write it relaxed.
     std::atomic<bool> mRunning;
     bool mJoin;
     // Orders the thread's end against start() and join().

@@ -1,8 +1,10 @@
 #include "kel_timer.h"
 
+#include <initializer_list>
 #include <memory>
 
 #include "common_log.h"
+#include "kel_lock.h"
 #include "kel_mutex.h"
 #include "kel_port.h"
 
@@ -13,6 +15,20 @@ inline bool before(const timespec& a, const timespec& b) {
     return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
 }
 
+// List order: a newly armed node goes ahead of a listed one only when its
+// deadline is strictly earlier, so equal deadlines stay in arming order.
+inline bool sortsAhead(const NodeTimer& armed, const NodeTimer& listed) {
+    return before(armed.time, listed.time);
+}
+
+// A node is due once its deadline lies strictly before the pass's clock.
+inline bool isDue(const NodeTimer& node, const timespec& now) { return before(node.time, now); }
+
+// Firing order within a pass: the pass walks the list from its back, so of
+// two due nodes the one further back fires first: the later deadline, and
+// among equal deadlines the one armed later.
+inline NodeTimer* firesNext(const NodeTimer* node) { return node->prev; }
+
 }  // namespace
 
 // -------------------------------------------------------------- NodeTimer
@@ -22,12 +38,20 @@ NodeTimer::NodeTimer() : QEvt(), proc(nullptr), next(this), prev(this) {
 }
 
 void NodeTimer::resetTimer() {
+    int sec, msec;
+    proc->interval(&sec, &msec);
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    time.tv_sec = now.tv_sec + proc->repeatSec();
-    long tmp = now.tv_nsec / 1000000 + proc->repeatMSec();
+    time.tv_sec = now.tv_sec + sec;
+    long tmp = now.tv_nsec / 1000000 + msec;
     time.tv_sec = time.tv_sec + tmp / 1000;
     time.tv_nsec = (tmp % 1000) * 1000000;
+    // An interval with mixed signs (1 s and -900 ms) can leave the
+    // nanoseconds negative; a timed wait refuses such a deadline.
+    if (time.tv_nsec < 0) {
+        time.tv_nsec += 1000000000;
+        --time.tv_sec;
+    }
 }
 
 void NodeTimer::addFirst(NodeTimer* item) {
@@ -61,7 +85,78 @@ bool NodeTimer::isEmpty() { return next == this; }
 
 // --------------------------------------------------------------- KelTimer
 
-KelTimer::KelTimer() : root(), stone(), pool(), time_pool(nullptr), mArmed(0) {
+namespace {
+
+// The list whose firing pass runs on this thread, if any.
+thread_local const KelTimer* tFiringList = nullptr;
+
+}  // namespace
+
+// `mutex`, unless the calling thread runs a handler of this list's firing
+// pass and so holds it already.
+class KelTimer::ListLock {
+public:
+    explicit ListLock(KelTimer* t) : mMutex(t->firingHere() ? nullptr : &t->mutex) {
+        if (mMutex != nullptr) pthread_mutex_lock(mMutex);
+    }
+    ~ListLock() {
+        if (mMutex != nullptr) pthread_mutex_unlock(mMutex);
+    }
+    ListLock(const ListLock&) = delete;
+    ListLock& operator=(const ListLock&) = delete;
+
+private:
+    pthread_mutex_t* mMutex;
+};
+
+// One firing pass, with `mutex` held. When it ends, also by an exception
+// from a handler, the node of a handler that threw goes home (its timer
+// idle unless the handler armed it anew) and the nodes armed during the
+// pass join the list in the order they were armed.
+class KelTimer::PassScope {
+public:
+    explicit PassScope(KelTimer* t) : mList(t) {
+        t->mInPass = true;
+        tFiringList = t;
+    }
+    ~PassScope() {
+        KelTimer* t = mList;
+        if (t->mHeld != nullptr) {
+            if (!t->mFiringTaken) {
+                t->mFiring->setReStart(false);
+                t->mFiring->setRunning(false);
+            }
+            Kel::gc(t->mHeld);
+            t->mHeld = nullptr;
+            t->mFiring = nullptr;
+        }
+        while (!t->pending.isEmpty()) {
+            NodeTimer* n = t->pending.next;
+            n->del();
+            t->insert(n);
+        }
+        t->mInPass = false;
+        tFiringList = nullptr;
+    }
+    PassScope(const PassScope&) = delete;
+    PassScope& operator=(const PassScope&) = delete;
+
+private:
+    KelTimer* mList;
+};
+
+KelTimer::KelTimer()
+    : root(),
+      stone(),
+      pool(),
+      time_pool(nullptr),
+      pending(),
+      mInPass(false),
+      mFiring(nullptr),
+      mHeld(nullptr),
+      mFiringTaken(false),
+      mWalk(nullptr),
+      mArmed(0) {
     // The nodes are owned here until the pool is registered: registering a
     // pool too many asserts, and then nothing is left behind.
     std::unique_ptr<NodeTimer[]> nodes(new NodeTimer[kPoolNodes]);
@@ -77,13 +172,22 @@ KelTimer::~KelTimer() {
     delete[] time_pool;
 }
 
+bool KelTimer::firingHere() const { return tFiringList == this; }
+
 void KelTimer::_addTimer(NodeTimer* timer) {
     timer->resetTimer();
     timer->proc->setRunning(true);
-    // Behind every node with an equal deadline.
+    if (mInPass) {
+        pending.addFirst(timer);
+    } else {
+        insert(timer);
+    }
+}
+
+void KelTimer::insert(NodeTimer* timer) {
     NodeTimer* tmp = root.next;
     while (tmp != &root) {
-        if (before(timer->time, tmp->time)) break;
+        if (sortsAhead(*timer, *tmp)) break;
         tmp = tmp->next;
     }
     tmp->addFirst(timer);
@@ -91,33 +195,40 @@ void KelTimer::_addTimer(NodeTimer* timer) {
 }
 
 void KelTimer::addTimer(NodeTimer* timer) {
-    PthreadAutolock lock(&mutex);
+    ListLock lock(this);
+    // The old node goes in the same lock section as the new one comes, so
+    // concurrent restarts of one timer leave it with one node.
+    takeOff(timer->proc, timer);
     _addTimer(timer);
 }
 
-bool KelTimer::removeFirstOf(ATimer* proc) {
-    // An ATimer has at most one node on the list: stop at the first match.
-    for (NodeTimer* tmp = root.next; tmp != &root;) {
-        NodeTimer* nxt = tmp->next;
-        if (tmp->proc == proc) {
-            tmp->del();
-            mArmed.fetch_sub(1, std::memory_order_release);
-            Kel::gc(tmp);
-            return true;
-        }
-        tmp = nxt;
+void KelTimer::takeOff(ATimer* proc, NodeTimer* keep) {
+    if (mFiring != nullptr && proc == mFiring) {
+        // Its handler restarts, stops or destroys it: that decides, and the
+        // node of the firing goes home when the handler returns.
+        mFiringTaken = true;
+        proc->setReStart(false);
     }
-    return false;
+    for (NodeTimer* head : {&root, &pending}) {
+        for (NodeTimer* tmp = head->next; tmp != head; tmp = tmp->next) {
+            if (tmp->proc != proc) continue;
+            if (tmp == mWalk) mWalk = firesNext(tmp);
+            tmp->del();
+            if (head == &root) mArmed.fetch_sub(1, std::memory_order_release);
+            if (tmp != keep) Kel::gc(tmp);
+            return;  // at most one node per timer
+        }
+    }
 }
 
 void KelTimer::removeOldTimer(NodeTimer* tim) {
-    PthreadAutolock lock(&mutex);
-    removeFirstOf(tim->proc);
+    ListLock lock(this);
+    takeOff(tim->proc, tim);
 }
 
 void KelTimer::cancelTimer(ATimer* proc) {
-    PthreadAutolock lock(&mutex);
-    removeFirstOf(proc);
+    ListLock lock(this);
+    takeOff(proc);
     // A firing pass may have re-armed a repeating timer (and set it running)
     // after the caller's stop cleared the flag; clearing it again under the
     // mutex leaves a cancelled timer idle: no node and not running.
@@ -125,40 +236,55 @@ void KelTimer::cancelTimer(ATimer* proc) {
 }
 
 void KelTimer::resetTimer(NodeTimer* tim) {
-    PthreadAutolock lock(&mutex);
+    ListLock lock(this);
     for (NodeTimer* tmp = root.next; tmp != &root; tmp = tmp->next) {
         if (tmp->proc == tim->proc) tmp->resetTimer();
     }
 }
 
 void KelTimer::processTimer() {
+    if (firingHere()) {
+        KEL_LOG(LOG_ERROR, "processTimer called from a timer handler");
+        KEL_ASSERT_FAIL();
+    }
     PthreadAutolock lock(&mutex);
-    // Walk from the latest deadline towards the earliest.
-    NodeTimer* timeout = root.prev;
-    NodeTimer* prev = timeout->prev;
+    PassScope pass(this);
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    while (timeout != &root) {
-        if (before(timeout->time, now)) {
-            timeout->del();
-            mArmed.fetch_sub(1, std::memory_order_release);
-            ATimer* proc = timeout->proc;
-            proc->exec();
-            if (proc->isRepeat() || proc->isReStart()) {
-                // Same node again, deadline from the clock after the handler.
-                proc->setReStart(false);
-                _addTimer(timeout);
-            } else {
-                proc->setRunning(false);
-                Kel::gc(timeout);
-            }
+    // A handler that removes the next node moves `mWalk` on (takeOff).
+    mWalk = firesNext(&root);
+    while (mWalk != &root) {
+        NodeTimer* timeout = mWalk;
+        mWalk = firesNext(timeout);
+        if (!isDue(*timeout, now)) continue;
+        timeout->del();
+        mArmed.fetch_sub(1, std::memory_order_release);
+        ATimer* proc = timeout->proc;
+        mFiring = proc;
+        mHeld = timeout;
+        mFiringTaken = false;
+        proc->exec();
+        mFiring = nullptr;
+        mHeld = nullptr;
+        if (mFiringTaken) {
+            // The handler restarted, stopped or destroyed its own timer.
+            Kel::gc(timeout);
+        } else if (proc->isRepeat() || proc->isReStart()) {
+            // Same node again, deadline from the clock after the handler.
+            proc->setReStart(false);
+            _addTimer(timeout);
+        } else {
+            proc->setRunning(false);
+            Kel::gc(timeout);
         }
-        timeout = prev;
-        prev = prev->prev;
     }
 }
 
 bool KelTimer::getTimeout(timespec* val) {
+    if (firingHere()) {
+        KEL_LOG(LOG_ERROR, "getTimeout called from a timer handler");
+        KEL_ASSERT_FAIL();
+    }
     bool isNeedWait = true;
     val->tv_sec = 0x7fffffff;
     val->tv_nsec = 0;
@@ -168,7 +294,7 @@ bool KelTimer::getTimeout(timespec* val) {
     PthreadAutolock lock(&mutex);
     for (NodeTimer* timeout = root.next; timeout != &root; timeout = timeout->next) {
         if (!timeout->proc->isRunning()) continue;
-        if (before(timeout->time, now)) {
+        if (isDue(*timeout, now)) {
             isNeedWait = false;
         } else {
             *val = timeout->time;
@@ -181,14 +307,15 @@ bool KelTimer::getTimeout(timespec* val) {
 void KelTimer::showArgs() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    PthreadAutolock lock(&mutex);
+    ListLock lock(this);
     KEL_LOG(LOG_DEBUG, "start show timer");
     KEL_LOG(LOG_DEBUG, "now cpu time: (%ld.%ld)", static_cast<long>(now.tv_sec),
             static_cast<long>(now.tv_nsec));
     for (NodeTimer* t = root.next; t != &root; t = t->next) {
+        int sec, msec;
+        t->proc->interval(&sec, &msec);
         KEL_LOG(LOG_DEBUG, "proc: %p, isRepeat: %d, isRunning: %d, Repeat(%d, %d)",
-                static_cast<void*>(t->proc), t->proc->isRepeat(), t->proc->isRunning(), t->proc->repeatSec(),
-                t->proc->repeatMSec());
+                static_cast<void*>(t->proc), t->proc->isRepeat(), t->proc->isRunning(), sec, msec);
         KEL_LOG(LOG_DEBUG, "time: %ld.%ld--", static_cast<long>(t->time.tv_sec),
                 static_cast<long>(t->time.tv_nsec));
     }

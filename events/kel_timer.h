@@ -12,7 +12,14 @@
 // Thread rules: `processTimer` and `getTimeout` run on the loop's thread;
 // `addTimer`, `removeOldTimer`, `cancelTimer`, `resetTimer` and `showArgs`
 // on any thread. All serialise on `mutex`, which `processTimer` holds across
-// every handler; so none of them may be called from a handler.
+// every handler. From a handler (the firing pass's own thread, which holds
+// `mutex` already) they work without taking it; `processTimer` and
+// `getTimeout` assert there.
+// A timer has at most one node, on the list or held by the firing pass:
+// arming removes the timer's old node in the same lock section.
+// Nodes armed during a firing pass (the re-arm of a repeating timer, and
+// whatever its handler arms) join the list in the order they were armed
+// when the pass ends, so they fire at a later pass, never in this one.
 // Lock order: `mutex`, then the event mutex (taken by Kel::gc inside).
 #ifndef KEL_EVENTS_KEL_TIMER_H
 #define KEL_EVENTS_KEL_TIMER_H
@@ -68,7 +75,8 @@ public:
     // Destroys the mutex and the node storage; fires and releases nothing.
     ~KelTimer();
 
-    // Puts a node on the list with a deadline from the clock now.
+    // Puts a node on the list with a deadline from the clock now, in place
+    // of any node that its timer had.
     void addTimer(NodeTimer* timer);
     // Takes the first node of `tim->proc` off the list and releases it.
     void removeOldTimer(NodeTimer* tim);
@@ -78,6 +86,9 @@ public:
     // Recomputes the deadline of every node of `tim->proc` in place.
     void resetTimer(NodeTimer* tim);
     // Fires the nodes that are due, latest deadline first. Loop thread only.
+    // A handler that throws: its node goes home, its timer is left idle (if
+    // the handler did not arm it anew), `mutex` is released and the
+    // exception leaves here.
     void processTimer();
     // False when a running timer is overdue; otherwise true with the absolute
     // deadline to sleep until in `val` (far future when nothing runs).
@@ -92,16 +103,36 @@ public:
     KelTimer& operator=(const KelTimer&) = delete;
 
 private:
-    // Caller holds `mutex`.
+    class ListLock;
+    class PassScope;
+
+    // True on the thread of a firing pass of this list (in a handler).
+    bool firingHere() const;
+    // Caller holds `mutex`. Deadline from the clock now, running, then on
+    // the list (on `pending` during a firing pass).
     void _addTimer(NodeTimer* timer);
-    // Caller holds `mutex`. Unlinks and releases the first node of `proc`.
-    bool removeFirstOf(ATimer* proc);
+    // Caller holds `mutex`. Sorted insertion, behind equal deadlines.
+    void insert(NodeTimer* timer);
+    // Caller holds `mutex`. Unlinks the node of `proc` (from the list or
+    // `pending`) and releases it, unless it is `keep`. Marks the firing
+    // timer's own node as taken over when `proc` is the one firing.
+    void takeOff(ATimer* proc, NodeTimer* keep = nullptr);
 
     NodeTimer root;
     timespec stone;
     KelPool pool;
     NodeTimer* time_pool;
     pthread_mutex_t mutex;
+    // Firing pass (loop thread, under `mutex`): nodes armed during it, in
+    // arming order; the timer whose handler runs and its node; whether the
+    // handler restarted, stopped or destroyed that timer; the next node of
+    // the walk, moved on when a handler removes it.
+    NodeTimer pending;
+    bool mInPass;
+    ATimer* mFiring;
+    NodeTimer* mHeld;
+    bool mFiringTaken;
+    NodeTimer* mWalk;
     // Nodes on the list. Written under `mutex`; read without it by
     // getTimeout, so that a loop with no timer armed takes no lock and reads
     // no clock. Memory ordering: release/acquire; an arming thread wakes the

@@ -3,7 +3,8 @@
 #include "common_log.h"
 #include "kel_loop.h"
 
-StateList::StateList(int size) : nodes(new StateQEvt*[size]), counts(size), ref(0) {
+StateList::StateList(int size)
+    : nodes(new StateQEvt*[size]), counts(size), ref(0), replay(new const QEvt*[size]) {
     KEL_ASSERT(nodes != nullptr);
     for (int i = 0; i < size; ++i) {
         nodes[i] = new StateQEvt();
@@ -14,6 +15,7 @@ StateList::StateList(int size) : nodes(new StateQEvt*[size]), counts(size), ref(
 StateList::~StateList() {
     for (int i = 0; i < counts; ++i) delete nodes[i];
     delete[] nodes;
+    delete[] replay;
 }
 
 void StateList::push(const StateQEvt* node) {

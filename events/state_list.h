@@ -4,7 +4,8 @@
 // loop's queue, ahead of everything queued, oldest first.
 //
 // Thread rules: no lock of its own; its machine's `mMtx` guards it.
-// Storage is allocated once by the constructor: holding back allocates nothing.
+// Storage is allocated once by the constructor: holding back and replaying
+// allocate nothing.
 #ifndef KEL_EVENTS_STATE_LIST_H
 #define KEL_EVENTS_STATE_LIST_H
 
@@ -28,6 +29,10 @@ public:
     void process();
 
     int size() const { return ref; }
+    // Room for one pointer per record, for KelLoop::procStateEvent to gather
+    // a replay in before it posts it as one step. Caller holds the machine's
+    // `mMtx`.
+    const QEvt** replaySlots() { return replay; }
 
     StateList(const StateList&) = delete;
     StateList& operator=(const StateList&) = delete;
@@ -36,6 +41,7 @@ private:
     StateQEvt** nodes;
     int counts;
     int ref;
+    const QEvt** replay;
 };
 
 #endif

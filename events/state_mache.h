@@ -50,10 +50,9 @@ public:
 
     // Starts the machine and replays what was held back. Repeated calls do
     // nothing. The initial state's `entry` is not called. Replayed events go
-    // ahead of what is queued; call it on the loop's thread (e.g. from
-    // procSubMsg) to keep them ahead of everything not yet handled: from
-    // another thread, the event the loop is taking at that moment may reach
-    // the machine first.
+    // ahead of what is queued, oldest first, queued as one step, so this may
+    // run on any thread; from another thread than the loop's, only the event
+    // the loop is dispatching at that moment may reach the machine first.
     void initialize();
     // Back to the initial state with an empty history, no exit or entry
     // called; events are held back again until the next `initialize`.

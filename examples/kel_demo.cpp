@@ -31,7 +31,7 @@ namespace {
 
 // ------------------------------------------------------------- messages
 
-enum AppSignal { SIG_STATUS = SIG_INNER_PROC + 1, SIG_START_MACHINE };
+enum AppSignal { SIG_STATUS = SIG_INNER_MAX, SIG_START_MACHINE };
 enum StateMsg { EV_POWER_ON = 1, EV_CONNECTED, EV_CONNECT_FAILED, EV_RETRY, EV_SHUTDOWN };
 enum StateIndex { IDLE, CONNECTING, RUNNING, ERROR, STATE_COUNT };
 
@@ -115,6 +115,7 @@ public:
         if (++reports == 3) {
             // Ask for a status report the way an operator would: SIGUSR1.
             union sigval v;
+            v.sival_ptr = nullptr;  // all of it set: the kernel copies the whole union
             v.sival_int = reports;
             sigqueue(getpid(), SIGUSR1, v);
         }
@@ -154,7 +155,7 @@ struct Context {
 
 class Idle : public KelState {
 public:
-    explicit Idle(Context* c) : c(c) {}
+    explicit Idle(Context* ctx) : c(ctx) {}
     int translate(const StateQEvt* e) override {
         if (e->stateMsg == EV_POWER_ON) return CONNECTING;
         return state::STATE_RETURN_NORMAL;
@@ -169,7 +170,7 @@ public:
 
 class Connecting : public KelState {
 public:
-    explicit Connecting(Context* c) : c(c) {}
+    explicit Connecting(Context* ctx) : c(ctx) {}
     int entry(const StateQEvt*) override {
         KEL_LOG(LOG_INFO, "connecting (attempt %d)", c->attempts.load() + 1);
         kel_dispatch_async_t(c->io, connectJob, &c->attempts);
@@ -185,7 +186,7 @@ public:
 
 class Running : public KelState {
 public:
-    explicit Running(Context* c) : c(c) {}
+    explicit Running(Context* ctx) : c(ctx) {}
     int entry(const StateQEvt*) override {
         KEL_LOG(LOG_INFO, "running");
         c->daemon->driver.start();
@@ -206,7 +207,7 @@ public:
 
 class Error : public KelState {
 public:
-    explicit Error(Context* c) : c(c) {}
+    explicit Error(Context* ctx) : c(ctx) {}
     int entry(const StateQEvt*) override {
         KEL_LOG(LOG_WARN, "connect failed, retrying in 200 ms");
         c->retry->restart(200);

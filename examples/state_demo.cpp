@@ -28,7 +28,7 @@ namespace {
 
 enum Msg { MSG_START = 1, MSG_CONNECTED, MSG_CONNECT_TIMEOUT, MSG_DATA, MSG_FAULT, MSG_RETRY, MSG_STALE };
 enum Index { IDLE, CONNECTING, RUNNING, FAILED, STATE_COUNT };
-enum { EV_SHUTDOWN = SIG_INNER_PROC + 10 };
+enum { EV_SHUTDOWN = SIG_INNER_MAX };
 
 // Sends a state event through the loop (from any thread, timer handlers
 // included: they must not call the machine directly).

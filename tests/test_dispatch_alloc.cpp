@@ -139,40 +139,30 @@ TEST(DispatchAlloc, HeapFailureWhileQueuingLeavesTheQueueUsable) {
     EXPECT_EQ(dispatchNodesUsed(q), 0);
 }
 
-// A queue keeps the nodes of its peak for itself while it lives; they are
-// not counted as used, and the next queue gets them once it is gone.
-TEST(DispatchAlloc, QueuesKeepTheirPeakAndHandItOnWhenTheyGo) {
+// One store for all queues: a node is made only when a request finds none
+// free, and a node given back by one queue serves the next request of any.
+TEST(DispatchAlloc, QueuesShareOneStoreMadeOnDemand) {
     hooks::counting = true;
     Counter c;
+    Queue a, b;
+    Timer timer(&a);
+    timer.setHandler(FUNC(&Counter::hit), &c);
+    timer.restart(60000);
+    a.enqueue(FUNC(&Counter::hit), &c);
+    b.enqueue(FUNC(&Counter::hit), &c);
     int made = 0;
-    {
-        Queue light;
-        Timer timer(&light);
-        timer.setHandler(FUNC(&Counter::hit), &c);
-        timer.restart(60000);
-        EXPECT_EQ(dispatchNodesUsed(light, &made), 1);
-        EXPECT_EQ(made, 1) << "a queue with one timer takes one node";
-    }
-    int peak = 0;
-    {
-        Queue a;
-        for (int i = 0; i < 100; ++i) a.enqueue(FUNC(&Counter::hit), &c);
-        EXPECT_EQ(dispatchNodesUsed(a, &peak), 100);
-        a.queueProcess(0);
-        EXPECT_EQ(dispatchNodesUsed(a), 0) << "cached nodes hold no work";
-        gAllocs = 0;
-        for (int i = 0; i < 100; ++i) a.enqueue(FUNC(&Counter::hit), &c);
-        EXPECT_EQ(gAllocs, 0) << "the queue reuses its own nodes";
-        a.queueProcess(0);
-    }
-    Queue b;
+    EXPECT_EQ(dispatchNodesUsed(a, &made), 3);
+    EXPECT_EQ(made, 3);
+    a.queueProcess(0);
     gAllocs = 0;
-    for (int i = 0; i < 100; ++i) b.enqueue(FUNC(&Counter::hit), &c);
-    EXPECT_EQ(gAllocs, 0) << "the nodes of the queue that went came back to the store";
+    b.enqueue(FUNC(&Counter::hit), &c);
+    EXPECT_EQ(gAllocs, 0) << "the node queue a gave back serves queue b";
+    EXPECT_EQ(dispatchNodesUsed(b, &made), 3);
+    EXPECT_EQ(made, 3);
+    timer.stop();
     b.queueProcess(0);
-    EXPECT_EQ(dispatchNodesUsed(b, &made), 0);
-    EXPECT_EQ(made, peak);
-    EXPECT_EQ(c.calls, 300);
+    EXPECT_EQ(dispatchNodesUsed(b), 0);
+    EXPECT_EQ(c.calls, 3);
 }
 
 // The store is made by whichever queue comes first; queues made at the same

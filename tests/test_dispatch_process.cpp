@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "dispatch_private.h"  // timespecAfter, firesBefore
 #include "dispatch_process.h"
 #include "support/log_capture.h"
 #include "support/loop_harness.h"
@@ -400,4 +401,60 @@ TEST_F(Dispatch, TwoLockersExcludeEachOtherAndTheCallbacks) {
     feeder.join();
     drain(q);
     EXPECT_EQ(busy.overlaps, 0);
+}
+
+// A callback or timer callback that throws gives its node back and leaves
+// the queue usable; a timer may be destroyed from its own callback; a
+// negative delay from a callback does not displace the firing entry.
+TEST_F(Dispatch, ThrowingCallbacksSelfDestroyingTimersAndNegativeDelaysFromCallbacks) {
+    Queue q;
+    Rec a(&trace, "a"), b(&trace, "b");
+    Tick t(&trace, "t", &q), n(&trace, "n", &q);
+    auto poll = [&](Rec& r, int calls) {
+        return waitUntil([&] { return q.queueProcess(0), r.calls == calls; });
+    };
+    a.hook = [] { throw std::runtime_error("callback"); };
+    t.hook = a.hook;
+    t.timer.setRepeat(true);
+    q.enqueue(FUNC(&Rec::hit), &a);
+    EXPECT_THROW(q.queueProcess(0), std::runtime_error);
+    t.timer.restart(0);
+    std::this_thread::sleep_for(2ms);
+    EXPECT_THROW(q.queueProcess(0), std::runtime_error);
+    EXPECT_EQ(q.getNeedWait(), INT64_MAX) << "a throwing repeating timer is not re-armed";
+    a.hook = nullptr;
+    q.enqueue(FUNC(&Rec::hit), &a);
+    q.queueProcess(0);
+    EXPECT_EQ(trace.str(), "ata");
+
+    Timer* self = new Timer(&q);
+    b.hook = [&] { delete self; };
+    self->setHandler(FUNC(&Rec::hit), &b);
+    self->setRepeat(true);
+    self->restart(0);
+    ASSERT_TRUE(poll(b, 1));
+    t.hook = [&] { n.timer.restart(-5); };
+    t.timer.setRepeat(false);
+    t.timer.restart(0);
+    ASSERT_TRUE(poll(n, 1));
+    EXPECT_EQ(trace.str(), "atabtn");
+}
+
+// The ordering rules by name: equal timer deadlines fire in arming order;
+// pending callbacks run before a due timer.
+TEST_F(Dispatch, FiresBeforeAndNextStepOrderTimersAndCallbacks) {
+    dispatch::ItemTimer listed(FUNC(&Rec::hit), nullptr, true, false), armed = listed;
+    listed.tiggerTime = armed.tiggerTime = 5;
+    EXPECT_TRUE(dispatch::firesBefore(listed, armed));
+    armed.tiggerTime = 4;
+    EXPECT_FALSE(dispatch::firesBefore(listed, armed));
+    Queue q;
+    Tick z(&trace, "z", &q);
+    Rec a(&trace, "a");
+    z.timer.restart(0);
+    std::this_thread::sleep_for(2ms);
+    q.enqueue(FUNC(&Rec::hit), &a);
+    q.enqueue(FUNC(&Rec::hit), &a);
+    q.queueProcess(0);
+    EXPECT_EQ(trace.str(), "aaz");
 }

@@ -1,15 +1,18 @@
 // Work queues on pooled threads and the rendezvous.
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <signal.h>
 
 #include <atomic>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "daemon_pool.h"
 #include "daemon_thread.h"
 #include "kel_dispatch.h"
 #include "support/loop_harness.h"
+#include "kel_thread.h"
 
 namespace {
 
@@ -193,5 +196,28 @@ TEST(Rendezvous, CallersPairByTagAndSwapValues) {
         int partner = static_cast<int>(r[i]);
         ASSERT_TRUE(partner >= 0 && partner < 4 && partner != i) << i;
         EXPECT_EQ(r[partner], i) << i;
+    }
+}
+
+// Works, and threads started from them, run with the application's signal
+// mask: the pool blocks nothing of its own.
+TEST(WorkQueue, WorksAndThreadsTheyStartKeepTheSignalMask) {
+    struct Masks : SimpleThread {
+        sigset_t inWork, inThread;
+        Done done;
+        void run() override { pthread_sigmask(SIG_SETMASK, nullptr, &inThread); }
+    } m;
+    kel_dispatch_async_t(
+        nullptr,
+        [](void* p) {
+            Masks* m = static_cast<Masks*>(p);
+            pthread_sigmask(SIG_SETMASK, nullptr, &m->inWork);
+            m->start(), m->join(), m->done.add();
+        },
+        &m);
+    ASSERT_TRUE(m.done.waitFor(1));
+    for (int sig : {SIGTERM, SIGPIPE}) {
+        EXPECT_EQ(sigismember(&m.inWork, sig), 0) << sig;
+        EXPECT_EQ(sigismember(&m.inThread, sig), 0) << sig;
     }
 }

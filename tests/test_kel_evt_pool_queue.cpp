@@ -2,7 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <atomic>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "kel_pool.h"
@@ -132,4 +136,90 @@ TEST_F(EventStore, ReleaseOfRecordsWithoutPoolAndAfterUninit) {
     Kel::uninit();
     Kel::gc(late);
     Kel::signal();  // nobody to wake, nothing to lock
+}
+
+// Threads on the pools exclude each other also while the event mutex goes
+// (uninit) and comes back (init): one holds the lock across the switch, one
+// arrives during it.
+TEST_F(EventStore, PoolsStayExclusiveAcrossUninitAndInit) {
+    for (bool goingDown : {true, false}) {
+        std::atomic<bool> held{false}, inside{false}, arriving{false}, overlap{false};
+        std::thread holder([&] {
+            Kel::Autolock l;
+            inside = held = true;
+            waitUntil([&] { return arriving.load(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            inside = false;
+        });
+        waitUntil([&] { return held.load(); });
+        std::thread change([&] { goingDown ? Kel::uninit() : Kel::init(); });
+        waitUntil([&] { return Kel::isAlive() != goingDown; }, 0.2);
+        std::thread late([&] {
+            arriving = true;
+            Kel::Autolock l;
+            if (inside) overlap = true;
+        });
+        for (std::thread* t : {&holder, &change, &late}) t->join();
+        EXPECT_FALSE(overlap) << (goingDown ? "uninit" : "init");
+    }
+}
+
+// The loop's own commands never give way to a LIFO post: the newest
+// application event does, wherever it stands; with none left it is refused.
+TEST_F(EventStore, LifoOnFullQueueNeverDropsTheLoopsCommands) {
+    loop = new KelLoop(40);
+    KelQueue q;
+    const QEvt* ring[4];
+    q.init(ring, 4);
+    auto ev = [](int sig) { return KelLoop::newEvt(sig, sizeof(GeneralQEvt)); };
+    for (int sig : {100, int(SIG_EVENT_LOOP_EXIT), 101, int(SIG_SYSTEM_POWEROFF), int(SIG_EVENT_LOOP_EXIT)})
+        q.post(ev(sig), 0);
+    LogCapture cap;
+    EXPECT_TRUE(q.postLIFO(ev(102)));
+    EXPECT_TRUE(q.postLIFO(ev(103)));
+    EXPECT_EQ(cap.count("queue full, event 101 dropped for a LIFO post", LOG_WARN), 1);
+    EXPECT_EQ(cap.count("queue full, event 100 dropped for a LIFO post", LOG_WARN), 1);
+    std::vector<int> order;
+    auto drain = [&] {
+        while (const QEvt* e = q.get()) {
+            order.push_back(e->sig);
+            Kel::gc(e);
+        }
+    };
+    drain();
+    EXPECT_EQ(order, (std::vector<int>{103, 102, SIG_EVENT_LOOP_EXIT, SIG_SYSTEM_POWEROFF, SIG_EVENT_LOOP_EXIT}));
+    for (int i = 0; i < 5; ++i) q.post(ev(SIG_EVENT_LOOP_EXIT), 0);
+    QEvt* refused = ev(104);
+    EXPECT_FALSE(q.postLIFO(refused));
+    EXPECT_EQ(refused->refCtr_, 0);
+    Kel::gc(refused);
+    order.clear();
+    drain();
+    EXPECT_EQ(order, std::vector<int>(5, SIG_EVENT_LOOP_EXIT));
+}
+
+// Threads on the pools exclude each other also while the event mutex goes
+// (uninit) and comes back (init): one holds the lock across the switch, one
+// arrives during it.
+TEST_F(EventStore, PoolsStayExclusiveAcrossUninitAndInit) {
+    for (bool goingDown : {true, false}) {
+        std::atomic<bool> held{false}, inside{false}, arriving{false}, overlap{false};
+        std::thread holder([&] {
+            Kel::Autolock l;
+            inside = held = true;
+            waitUntil([&] { return arriving.load(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            inside = false;
+        });
+        waitUntil([&] { return held.load(); });
+        std::thread change([&] { goingDown ? Kel::uninit() : Kel::init(); });
+        waitUntil([&] { return Kel::isAlive() != goingDown; }, 0.2);
+        std::thread late([&] {
+            arriving = true;
+            Kel::Autolock l;
+            if (inside) overlap = true;
+        });
+        for (std::thread* t : {&holder, &change, &late}) t->join();
+        EXPECT_FALSE(overlap) << (goingDown ? "uninit" : "init");
+    }
 }

@@ -2,7 +2,9 @@
 // counts every heap allocation (operator new always; malloc too where no
 // sanitizer owns it) while events and timers run.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <new>
@@ -65,6 +67,41 @@ TEST_F(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
     hooks::counting.store(false);
 
     EXPECT_EQ(hooks::allocs.load(), 0) << "heap allocations on the event path";
+    loop.exitLoop();
+    EXPECT_EQ(runner.join(), 0);
+}
+
+// On one CPU a post must not cost a sleep and a wake-up of the loop each:
+// the loop, woken by one poster, has to let the posters run on and take
+// what they posted in a batch.
+TEST(KelLoopOneCpu, PostersSharingTheLoopsCpuAreServedInBatches) {
+    armWatchdog();
+    startFramework();
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(0, &one);
+    ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);  // threads below inherit it
+    CountingLoop loop;
+    LoopRunner runner(&loop);
+    constexpr int kPerPoster = 5000;
+    rusage before, after;
+    getrusage(RUSAGE_SELF, &before);
+    std::thread posters[2];
+    for (std::thread& t : posters) {
+        t = std::thread([&] {
+            for (int i = 0; i < kPerPoster; ++i) {
+                QEvt* e;
+                while ((e = KelLoop::newEvt(SIG_INNER_PROC + 1, sizeof(GeneralQEvt))) == nullptr)
+                    sched_yield();
+                while (!loop.post(e)) sched_yield();
+            }
+        });
+    }
+    for (std::thread& t : posters) t.join();
+    ASSERT_TRUE(waitUntil([&] { return loop.dispatched.load() == 2 * kPerPoster; }));
+    getrusage(RUSAGE_SELF, &after);
+    long switches = after.ru_nvcsw + after.ru_nivcsw - before.ru_nvcsw - before.ru_nivcsw;
+    EXPECT_LT(switches, kPerPoster / 2) << "context switches for " << 2 * kPerPoster << " events";
     loop.exitLoop();
     EXPECT_EQ(runner.join(), 0);
 }

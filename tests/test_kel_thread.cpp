@@ -98,3 +98,14 @@ TEST(SimpleThread, StoppedObjectsStartAgainAndNoThreadIsLeft) {
     for (auto& r : threads) EXPECT_EQ(r.runs.load(), 20);
     EXPECT_TRUE(noStrayThread());
 }
+
+// Once isRunning() is false the thread is done with the object: deleting it
+// then is clean under the thread sanitizer (vtable and mutex included).
+TEST(SimpleThread, ObjectMayBeDeletedOnceItsThreadIsNotRunning) {
+    for (int i = 0; i < 20; ++i) {
+        Recorder* t = new Recorder;
+        ASSERT_TRUE(t->start());
+        ASSERT_TRUE(waitUntil([&] { return !t->isRunning(); }));
+        delete t;
+    }
+}

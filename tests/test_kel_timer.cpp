@@ -206,3 +206,129 @@ TEST_F(TimerTest, TimersEndSafelyAfterTheLoopHasEnded) {
     delete a;
     EXPECT_EQ(nodesOut(), 0u);
 }
+
+// Restarts and stops of one timer racing from several threads while the
+// loop fires it leave at most one node; after the destructor, none.
+TEST_F(TimerTest, ConcurrentRestartsAndStopsLeaveAtMostOneNode) {
+    armWatchdog();
+    LoopRunner runner(loop);
+    Ticks ticks;
+    ATimer* t = new ATimer;
+    t->setHandler(tick, &ticks);
+    std::vector<std::thread> th;
+    std::atomic<int> ready{0};
+    for (int k = 0; k < 4; ++k)
+        th.emplace_back([&, k] {
+            for (++ready; ready < 4;) std::this_thread::yield();
+            for (int i = 0; i < 40000; ++i) i == 10000 ? t->stop() : t->restart(60000 + k);
+        });
+    for (auto& x : th) x.join();
+    EXPECT_LE(taken(), 1u) << "nodes of one timer";
+    delete t;
+    EXPECT_EQ(taken(), 0u);
+    loop->exitLoop();
+    EXPECT_EQ(runner.join(), 0);
+}
+
+// An interval with mixed signs gives a normalised deadline.
+TEST_F(TimerTest, MixedSignIntervalGivesANormalisedDeadline) {
+    ATimer t;
+    t.setHandler(noop, nullptr);
+    t.setRepeat(true);
+    t.restart(-10);
+    t.setInternal(5, -999);
+    timespec before, after, val;
+    clock_gettime(CLOCK_MONOTONIC, &before);
+    list()->processTimer();
+    clock_gettime(CLOCK_MONOTONIC, &after);
+    ASSERT_TRUE(list()->getTimeout(&val));
+    EXPECT_TRUE(val.tv_nsec >= 0 && val.tv_nsec < 1000000000) << val.tv_nsec;
+    EXPECT_GE(toMs(val), toMs(before) + 4001);
+    EXPECT_LE(toMs(val), toMs(after) + 4001);
+    t.stop();
+}
+
+// Every re-arm reads the interval as one value: the old setting or the new
+// one, while another thread keeps changing it.
+TEST_F(TimerTest, ReArmSeesOneWholeIntervalWhileAnotherThreadSetsIt) {
+    ATimer t;
+    t.setHandler(noop, nullptr);
+    t.setRepeat(true);
+    std::atomic<bool> stop{false};
+    std::thread setter([&] {
+        for (int i = 0; !stop; ++i) i % 2 ? t.setInternal(1, 500) : t.setInternal(3, 200);
+    });
+    int odd = 0;
+    for (int i = 0; i < 50000 && odd == 0; ++i) {
+        timespec before, after, val;
+        clock_gettime(CLOCK_MONOTONIC, &before);
+        t.restart(-10);  // the setter may get in before this deadline is made
+        list()->processTimer();
+        clock_gettime(CLOCK_MONOTONIC, &after);
+        if (!list()->getTimeout(&val)) continue;  // re-armed with the restart's own interval
+        long long d = toMs(val) - toMs(before), slack = toMs(after) - toMs(before);
+        if (!((d >= 1500 && d <= 1500 + slack) || (d >= 3200 && d <= 3200 + slack))) ++odd;
+    }
+    stop = true;
+    setter.join();
+    EXPECT_EQ(odd, 0);
+    t.stop();
+}
+
+namespace {
+
+// A handler that uses the timer operations themselves.
+struct Ops {
+    FireLog* log;
+    ATimer *other, *victim;
+};
+
+void restartOtherStopVictimAndSelf(ATimer* self, void* p) {
+    Ops* o = static_cast<Ops*>(p);
+    o->log->order.push_back(1);
+    o->other->restart(-5);  // due at once, but fires at the next pass
+    o->victim->stop();
+    self->stop();
+}
+
+void deleteSelf(ATimer* self, void*) { delete self; }
+
+void throwUp(ATimer*, void*) { throw std::runtime_error("handler"); }
+
+}  // namespace
+
+// Handlers restart, stop and destroy timers, their own included; what they
+// arm fires at a later pass. A handler that throws gives its node back.
+TEST_F(TimerTest, HandlersUseTimerOperationsAndAThrowingOneGivesItsNodeBack) {
+    armWatchdog(60);
+    FireLog log;
+    Tagged b{&log, 2}, c{&log, 3};
+    ATimer a, other, victim;
+    Ops ops{&log, &other, &victim};
+    a.setHandler(restartOtherStopVictimAndSelf, &ops);
+    other.setHandler(recordFire, &b);
+    victim.setHandler(recordFire, &c);
+    a.setRepeat(true);
+    victim.restart(-20);  // due, behind a in this pass
+    a.restart(-10);
+    list()->processTimer();
+    EXPECT_EQ(log.order, (std::vector<int>{1}));
+    EXPECT_FALSE(a.isRunning());
+    EXPECT_EQ(taken(), 1u);
+    list()->processTimer();
+    EXPECT_EQ(log.order, (std::vector<int>{1, 2}));
+    ATimer* gone = new ATimer;
+    gone->setHandler(deleteSelf, nullptr);
+    gone->setRepeat(true);
+    gone->restart(-10);
+    list()->processTimer();
+    EXPECT_EQ(taken(), 0u);
+
+    a.setHandler(throwUp, nullptr);
+    a.restart(-10);
+    EXPECT_THROW(list()->processTimer(), std::runtime_error);
+    EXPECT_FALSE(a.isRunning());
+    EXPECT_EQ(taken(), 0u);
+    a.restart(60000);  // the list's mutex was released
+    a.stop();
+}

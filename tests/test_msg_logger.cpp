@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <string>
+#include <utility>
 
 #include <stdexcept>
 
@@ -101,4 +103,50 @@ TEST(MsgLogger, ClosedReaderRaisesNoSigpipe) {
     EXPECT_EQ(_g_pipes.load(), 0);
     EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
     sigaction(SIGPIPE, &old, nullptr);
+}
+
+// KEL_LOG_LEVEL takes a level's name or a number; anything else keeps the
+// threshold and says so in one line.
+TEST(MsgLogger, InitTakesTheLevelFromTheEnvironmentByNameOrNumber) {
+    for (auto [text, level] :
+         {std::pair<const char*, int>{"debug", LOG_DEBUG}, {"WARN", LOG_WARN}, {"30", 30}}) {
+        setenv("KEL_LOG_LEVEL", text, 1);
+        kellog::kel_log_init(nullptr, "logtest");
+        EXPECT_EQ(kellog::kel_log_get_level(), level) << text;
+    }
+    setenv("KEL_LOG_LEVEL", "40x", 1);
+    std::string out = captureStderr([] { kellog::kel_log_init(nullptr, "logtest"); });
+    unsetenv("KEL_LOG_LEVEL");
+    EXPECT_EQ(kellog::kel_log_get_level(), 30);
+    EXPECT_NE(out.find("KEL_LOG_LEVEL=\"40x\" is not a log level"), std::string::npos) << out;
+    EXPECT_EQ(out.find('\n'), out.size() - 1) << "one line";
+}
+
+namespace {
+
+// The message part of one logged line, and what snprintf makes of the same.
+template <typename... A>
+void expectLikePrintf(const char* fmt, A... a) {
+    char want[256];
+    snprintf(want, sizeof want, fmt, a...);
+    std::string out = captureStderr([&] { __logprintf("f.cpp", 5, "fn", 2, 1, LOG_ERROR, fmt, a...); });
+    size_t at = out.find(" fn: ");
+    ASSERT_NE(at, std::string::npos) << out;
+    EXPECT_EQ(out.substr(at + 5), std::string(want) + "\n") << fmt;
+}
+
+}  // namespace
+
+// The logger formats by itself (it must be safe in a signal handler): the
+// conversions, flags and widths the framework uses come out as printf's.
+TEST(MsgLogger, FormatsLikePrintf) {
+    kellog::kel_log_set_level(LOG_DUMP);
+    expectLikePrintf("%d|%i|%u|%d", -42, 7, 4000000000u, INT_MIN);
+    expectLikePrintf("%ld %lu %lld %llu", LONG_MIN, ULONG_MAX, LLONG_MIN, ULLONG_MAX);
+    expectLikePrintf("%x %lx %X %#x %o", 0xbeefu, 0xdeadbeefUL, 0xabu, 0x1fu, 8u);
+    expectLikePrintf("%p|%p|%12p", static_cast<void*>(&_g_pipes), static_cast<void*>(nullptr),
+                     static_cast<void*>(&_g_pipes));
+    expectLikePrintf("[%s] [%c] 100%% [%.3s|%8s|%-4s]", "text", 'z', "abcdef", "r", "l");
+    expectLikePrintf("%02ld:%03ld|%5d|%-5d|%05d|%+d|% d|%.4d|%*d", 7L, 42L, -3, 12, -12, 5, 5, 9, 4, 1);
+    expectLikePrintf("%zu %hd %hhu", sizeof(long), static_cast<short>(-2), static_cast<unsigned char>(250));
 }

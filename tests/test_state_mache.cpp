@@ -12,6 +12,7 @@
 #include "kel_port.h"
 #include "kel_queue.h"
 #include "support/log_capture.h"
+#include "support/loop_helpers.h"
 #include "support/state_recorder.h"
 
 namespace {
@@ -135,3 +136,22 @@ TEST_F(MacheFixture, DefaultTranslateAssertsAndReleasesTheLock) {
 }
 
 }  // namespace
+
+// Replay from another thread while the loop runs: held-back events reach
+// translate oldest first. The pause in test_event gives the loop time to
+// take a replayed event early, were the replay not queued as one step.
+TEST_F(MacheFixture, ReplayFromAnotherThreadArrivesOldestFirst) {
+    ScriptedState* s0 = addState();
+    s0->onTranslate = [](const StateQEvt*) { return 0; };
+    for (long m : {31, 32, 33}) deliver(m);
+    mache->onTestEvent = [](long m) {
+        if (m == 32) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    };
+    LoopRunner runner(loop);
+    mache->initialize();
+    loop->exitLoop();
+    EXPECT_EQ(runner.join(), 0);
+    std::vector<long> got;
+    for (const StateQEvt& e : s0->seen) got.push_back(e.stateMsg);
+    EXPECT_EQ(got, (std::vector<long>{31, 32, 33}));
+}

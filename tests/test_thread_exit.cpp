@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 
+#include "daemon_pool.h"
 #include "daemon_thread.h"
 #include "kel_dispatch.h"
 #include "support/loop_harness.h"
@@ -87,17 +88,22 @@ TEST(ThreadExit, ProcessWithAThreadInALongRunExitsWithoutWaitingForIt) {
     });
 }
 
-// The parent has idle and busy pooled threads and a default queue in use;
-// none of these threads exists in the child, which starts with an empty pool.
+// The parent has idle and busy pooled threads and a default queue with work
+// running and waiting; none of these threads exists in the child, which
+// starts with an empty pool and queues that run new work only.
 TEST(ThreadExit, ForkedChildOfAPoolUserExitsAlthoughItsThreadsAreMissing) {
     Gate gate;
+    static std::atomic<int> ran{0};
     DaemonThread idle;
     ASSERT_TRUE(idle.start());
     Blocked busy;
     busy.gate = &gate;
     ASSERT_TRUE(busy.start());
-    kel_dispatch_async_t(nullptr, noop, nullptr);
-    ASSERT_TRUE(waitUntil([&] { return busy.inRun.load(); }));
+    kel_dispatch_async_t(
+        nullptr, [](void* g) { ran += 1, static_cast<Gate*>(g)->wait(); }, &gate);
+    kel_dispatch_async_t(
+        nullptr, [](void*) { ran += 10; }, nullptr);  // pending at the fork
+    ASSERT_TRUE(waitUntil([&] { return busy.inRun.load() && ran.load() == 1; }));
     expectCleanExit([] {
         KelPoolCounts c = kel_pool_counts();
         if (c.used != 0 || c.free != 0 || c.alive != 0) _exit(4);
@@ -106,9 +112,31 @@ TEST(ThreadExit, ForkedChildOfAPoolUserExitsAlthoughItsThreadsAreMissing) {
         // is refused by the thread sanitizer and unreliable under emulation).
         DaemonThread fresh;
         if (!fresh.start()) _exit(5);
-        if (!waitUntil(poolIdleNow)) _exit(6);
+        kel_dispatch_async_t(
+            nullptr, [](void*) { ran += 100; }, nullptr);
+        if (!waitUntil([] { return ran.load() == 101; })) _exit(6);
+        if (!waitUntil(poolIdleNow)) _exit(7);
 #endif
     });
     gate.open();
+    ASSERT_TRUE(waitUntil([] { return ran.load() == 11; }));
     ASSERT_TRUE(waitUntil(poolIdleNow));
 }
+
+#ifdef KEL_TEST_EARLY_WORK
+// A binary of its own, linked statically: this program's static initializer
+// runs before the library's, and queues work on the default queue. The queue
+// and the pool are made on that first use; the process then exits with work
+// running and queued.
+static std::atomic<bool> gEarlyRan{false};
+[[maybe_unused]] static const bool gEarlyQueued = (kel_dispatch_async_t(
+                                                       nullptr, [](void*) { gEarlyRan = true; }, nullptr),
+                                                   true);
+
+TEST(ThreadExit, WorkQueuedBeforeTheLibrarysStaticsRunsAndExitStaysClean) {
+    EXPECT_TRUE(waitUntil([] { return gEarlyRan.load(); }));
+    kel_dispatch_async_t(
+        nullptr, [](void*) { sleep(120); }, nullptr);
+    kel_dispatch_async_t(nullptr, noop, nullptr);
+}
+#endif

@@ -1,11 +1,18 @@
 #!/usr/bin/env bash
-# Installs kel from a build tree into a scratch prefix, then builds and runs
-# the consumer against it twice: with CMake's package config and with
-# pkg-config.
+# Installs kel from a build tree into a scratch prefix outside the loader's
+# paths, then, as a user would:
+# - builds the README's usage example with CMake's package config and with
+#   pkg-config, under strict warnings, and runs both without LD_LIBRARY_PATH;
+# - compiles every installed header under the same warnings;
+# - checks that every function declared (not defined) in an installed
+#   header is exported by libkel.so or libkellog.so (exports.py);
+# - checks that <syslog.h>, included before or after kel's headers, cannot
+#   turn a kel log level into a syslog priority unnoticed.
 #   check.sh [BUILD_DIR [TOOLCHAIN_FILE]]
-# With a toolchain file (the ARM cross build), the consumer is built with it
-# and run under qemu-arm, and the pkg-config build uses the cross compiler.
+# With a toolchain file (the ARM cross build), everything is built with it
+# and run under qemu-arm.
 set -euo pipefail
+unset LD_LIBRARY_PATH
 src=$(cd "$(dirname "$0")/../.." && pwd)
 build=${1:-$src/build}
 toolchain=${2:-}
@@ -14,10 +21,17 @@ trap 'rm -rf "$work"' EXIT
 prefix="$work/prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
 libdir=$(dirname "$(ls -d "$prefix"/lib*/pkgconfig | head -n 1)")
+inc="$prefix/include/kel"
+strict=(-std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Werror)
+
+# The example exactly as the README shows it: the first C++ block under "## Usage".
+awk '/^## / { usage = ($0 == "## Usage") } usage && /^```cpp/ { on = 1; next }
+     on && /^```/ { exit } on { print }' "$src/README.md" >"$work/app.cpp"
+[ -s "$work/app.cpp" ] || { echo "consumer: no usage example in README.md"; exit 1; }
 
 cxx=c++
 run=()
-cmake_args=(-DCMAKE_PREFIX_PATH="$prefix")
+cmake_args=(-DCMAKE_PREFIX_PATH="$prefix" -DKEL_CONSUMER_SOURCE="$work/app.cpp")
 if [ -n "$toolchain" ]; then
     cmake_args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_FIND_ROOT_PATH="$prefix")
     cxx=arm-linux-gnueabihf-g++
@@ -26,10 +40,49 @@ fi
 
 cmake -S "$src/tests/consumer" -B "$work/cmake" "${cmake_args[@]}" >/dev/null
 cmake --build "$work/cmake" >/dev/null
-LD_LIBRARY_PATH="$libdir" "${run[@]}" "$work/cmake/consumer"
+"${run[@]}" "$work/cmake/consumer"
 
-PKG_CONFIG_PATH="$libdir/pkgconfig" PKG_CONFIG_SYSROOT_DIR= \
-    "$cxx" -std=c++17 "$src/tests/consumer/main.cpp" -o "$work/consumer-pc" \
-    $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs kel)
-LD_LIBRARY_PATH="$libdir" "${run[@]}" "$work/consumer-pc"
-echo "consumer: the CMake package and the pkg-config builds run${toolchain:+ (cross)}"
+# pkg-config gives no run path: the README tells users to add one.
+"$cxx" "${strict[@]}" "$work/app.cpp" -o "$work/consumer-pc" \
+    $(PKG_CONFIG_PATH="$libdir/pkgconfig" PKG_CONFIG_SYSROOT_DIR= pkg-config --cflags --libs kel) \
+    -Wl,-rpath,"$libdir"
+"${run[@]}" "$work/consumer-pc"
+
+for h in "$inc"/*.h; do echo "#include \"$(basename "$h")\""; done >"$work/all.cpp"
+"$cxx" "${strict[@]}" -fsyntax-only -I"$inc" "$work/all.cpp"
+
+# Every function that an installed header declares without defining it is
+# exported by the installed libraries: names are compared as clang mangles
+# them for the host, so cross builds skip this.
+if [ -n "$toolchain" ]; then
+    exports="exports not checked (cross build)"
+elif command -v clang++ >/dev/null 2>&1; then
+    clang++ -std=c++17 -fsyntax-only -I"$inc" -Xclang -ast-dump=json "$work/all.cpp" >"$work/ast.json"
+    python3 "$src/tests/consumer/exports.py" "$work/ast.json" "$inc" "$libdir"/libkel.so "$libdir"/libkellog.so
+    exports="every declared function exported"
+else
+    exports="exports not checked (no clang++)"
+fi
+
+# <syslog.h> defines LOG_INFO and LOG_DEBUG as its own numbers.
+syslog_case() {  # $1: includes, in order; $2: body of f(); $3: "ok" or "rejected"
+    printf '%s\nvoid f() { %s }\n' "$1" "$2" >"$work/syslog.cpp"
+    if "$cxx" "${strict[@]}" -fsyntax-only -I"$inc" "$work/syslog.cpp" 2>"$work/syslog.err"; then
+        [ "$3" = ok ] && return 0
+        echo "consumer: accepted unnoticed: $1 / $2"
+    else
+        [ "$3" = rejected ] && grep -q "not a kel log level" "$work/syslog.err" && return 0
+        cat "$work/syslog.err"
+        echo "consumer: not as expected ($3): $1 / $2"
+    fi
+    exit 1
+}
+kel='#include "common_log.h"'
+sys='#include <syslog.h>'
+for order in "$sys"$'\n'"$kel" "$kel"$'\n'"$sys"; do
+    syslog_case "$order" 'KEL_LOG(LOG_INFO, "x");' rejected
+    syslog_case "$order" 'KEL_LOG(LOG_DEBUG, "x");' rejected
+    syslog_case "$order" 'KEL_LOG(KEL_LOG_INFO, "x"); KEL_LOG(LOG_WARN, "x"); syslog(LOG_INFO, "x");' ok
+done
+echo "consumer: the README example runs from $prefix without LD_LIBRARY_PATH (CMake package" \
+    "and pkg-config${toolchain:+, cross}); headers clean under strict warnings; $exports; <syslog.h> clash caught"

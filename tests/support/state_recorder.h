@@ -70,12 +70,15 @@ public:
     bool defaultTestEvent = false;
     std::set<long> unwanted;
     std::vector<long> askedEvents;
+    // Runs at each question of test_event, with the message.
+    std::function<void(long)> onTestEvent;
 
     bool test_state(int st) override {
         return defaultTestState ? StateMache::test_state(st) : unreachable.count(st) == 0;
     }
     bool test_event(int msg) override {
         askedEvents.push_back(msg);
+        if (onTestEvent) onTestEvent(msg);
         return defaultTestEvent ? StateMache::test_event(msg) : unwanted.count(msg) == 0;
     }
 
