@@ -197,29 +197,3 @@ TEST_F(EventStore, LifoOnFullQueueNeverDropsTheLoopsCommands) {
     drain();
     EXPECT_EQ(order, std::vector<int>(5, SIG_EVENT_LOOP_EXIT));
 }
-
-// Threads on the pools exclude each other also while the event mutex goes
-// (uninit) and comes back (init): one holds the lock across the switch, one
-// arrives during it.
-TEST_F(EventStore, PoolsStayExclusiveAcrossUninitAndInit) {
-    for (bool goingDown : {true, false}) {
-        std::atomic<bool> held{false}, inside{false}, arriving{false}, overlap{false};
-        std::thread holder([&] {
-            Kel::Autolock l;
-            inside = held = true;
-            waitUntil([&] { return arriving.load(); });
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            inside = false;
-        });
-        waitUntil([&] { return held.load(); });
-        std::thread change([&] { goingDown ? Kel::uninit() : Kel::init(); });
-        waitUntil([&] { return Kel::isAlive() != goingDown; }, 0.2);
-        std::thread late([&] {
-            arriving = true;
-            Kel::Autolock l;
-            if (inside) overlap = true;
-        });
-        for (std::thread* t : {&holder, &change, &late}) t->join();
-        EXPECT_FALSE(overlap) << (goingDown ? "uninit" : "init");
-    }
-}

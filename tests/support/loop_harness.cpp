@@ -1,5 +1,7 @@
 #include "loop_harness.h"
 
+#include "daemon_pool.h"
+
 #include <dirent.h>
 #include <signal.h>
 #include <stdio.h>
