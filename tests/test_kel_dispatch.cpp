@@ -1,7 +1,7 @@
 // Work queues on pooled threads and the rendezvous.
 #include <gtest/gtest.h>
-#include <unistd.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -11,8 +11,8 @@
 #include "daemon_pool.h"
 #include "daemon_thread.h"
 #include "kel_dispatch.h"
-#include "support/loop_harness.h"
 #include "kel_thread.h"
+#include "support/loop_harness.h"
 
 namespace {
 

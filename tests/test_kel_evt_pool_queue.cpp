@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <atomic>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -70,6 +69,7 @@ TEST(KelPool, CuttingMarginOrderAndMisuse) {
 TEST(KelQueue, LifoGoesAheadOfEverything) {
     const QEvt* ring[4];
     QEvt ev[4];
+    for (QEvt& e : ev) e.sig = SIG_INNER_PROC + 1;  // application events may give way
     KelQueue q, none;
     q.init(ring, 4);
     none.init(nullptr, 0);
@@ -187,7 +187,8 @@ TEST_F(EventStore, LifoOnFullQueueNeverDropsTheLoopsCommands) {
         }
     };
     drain();
-    EXPECT_EQ(order, (std::vector<int>{103, 102, SIG_EVENT_LOOP_EXIT, SIG_SYSTEM_POWEROFF, SIG_EVENT_LOOP_EXIT}));
+    EXPECT_EQ(order,
+              (std::vector<int>{103, 102, SIG_EVENT_LOOP_EXIT, SIG_SYSTEM_POWEROFF, SIG_EVENT_LOOP_EXIT}));
     for (int i = 0; i < 5; ++i) q.post(ev(SIG_EVENT_LOOP_EXIT), 0);
     QEvt* refused = ev(104);
     EXPECT_FALSE(q.postLIFO(refused));

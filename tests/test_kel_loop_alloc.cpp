@@ -74,14 +74,13 @@ TEST_F(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
 // On one CPU a post must not cost a sleep and a wake-up of the loop each:
 // the loop, woken by one poster, has to let the posters run on and take
 // what they posted in a batch.
-TEST(KelLoopOneCpu, PostersSharingTheLoopsCpuAreServedInBatches) {
-    armWatchdog();
-    startFramework();
+TEST_F(KelLoopHeap, PostersSharingTheLoopsCpuAreServedInBatches) {
     cpu_set_t one;
     CPU_ZERO(&one);
     CPU_SET(0, &one);
     ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);  // threads below inherit it
-    CountingLoop loop;
+    CountingLoop& loop = *new CountingLoop;
+    this->loop = &loop;
     LoopRunner runner(&loop);
     constexpr int kPerPoster = 5000;
     rusage before, after;

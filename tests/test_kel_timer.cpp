@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <climits>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -210,9 +211,8 @@ TEST_F(TimerTest, TimersEndSafelyAfterTheLoopHasEnded) {
 // Restarts and stops of one timer racing from several threads while the
 // loop fires it leave at most one node; after the destructor, none.
 TEST_F(TimerTest, ConcurrentRestartsAndStopsLeaveAtMostOneNode) {
-    armWatchdog();
     LoopRunner runner(loop);
-    Ticks ticks;
+    std::atomic<int> ticks{0};
     ATimer* t = new ATimer;
     t->setHandler(tick, &ticks);
     std::vector<std::thread> th;
@@ -223,17 +223,18 @@ TEST_F(TimerTest, ConcurrentRestartsAndStopsLeaveAtMostOneNode) {
             for (int i = 0; i < 40000; ++i) i == 10000 ? t->stop() : t->restart(60000 + k);
         });
     for (auto& x : th) x.join();
-    EXPECT_LE(taken(), 1u) << "nodes of one timer";
+    EXPECT_LE(nodesOut(), 1u) << "nodes of one timer";
     delete t;
-    EXPECT_EQ(taken(), 0u);
+    EXPECT_EQ(nodesOut(), 0u);
     loop->exitLoop();
     EXPECT_EQ(runner.join(), 0);
 }
 
 // An interval with mixed signs gives a normalised deadline.
 TEST_F(TimerTest, MixedSignIntervalGivesANormalisedDeadline) {
+    std::atomic<int> ticks{0};
     ATimer t;
-    t.setHandler(noop, nullptr);
+    t.setHandler(tick, &ticks);
     t.setRepeat(true);
     t.restart(-10);
     t.setInternal(5, -999);
@@ -251,8 +252,9 @@ TEST_F(TimerTest, MixedSignIntervalGivesANormalisedDeadline) {
 // Every re-arm reads the interval as one value: the old setting or the new
 // one, while another thread keeps changing it.
 TEST_F(TimerTest, ReArmSeesOneWholeIntervalWhileAnotherThreadSetsIt) {
+    std::atomic<int> ticks{0};
     ATimer t;
-    t.setHandler(noop, nullptr);
+    t.setHandler(tick, &ticks);
     t.setRepeat(true);
     std::atomic<bool> stop{false};
     std::thread setter([&] {
@@ -279,13 +281,12 @@ namespace {
 
 // A handler that uses the timer operations themselves.
 struct Ops {
-    FireLog* log;
     ATimer *other, *victim;
 };
 
 void restartOtherStopVictimAndSelf(ATimer* self, void* p) {
     Ops* o = static_cast<Ops*>(p);
-    o->log->order.push_back(1);
+    gOrder.push_back(1);
     o->other->restart(-5);  // due at once, but fires at the next pass
     o->victim->stop();
     self->stop();
@@ -300,35 +301,32 @@ void throwUp(ATimer*, void*) { throw std::runtime_error("handler"); }
 // Handlers restart, stop and destroy timers, their own included; what they
 // arm fires at a later pass. A handler that throws gives its node back.
 TEST_F(TimerTest, HandlersUseTimerOperationsAndAThrowingOneGivesItsNodeBack) {
-    armWatchdog(60);
-    FireLog log;
-    Tagged b{&log, 2}, c{&log, 3};
     ATimer a, other, victim;
-    Ops ops{&log, &other, &victim};
+    Ops ops{&other, &victim};
     a.setHandler(restartOtherStopVictimAndSelf, &ops);
-    other.setHandler(recordFire, &b);
-    victim.setHandler(recordFire, &c);
+    other.setHandler(record, tag(2));
+    victim.setHandler(record, tag(3));
     a.setRepeat(true);
     victim.restart(-20);  // due, behind a in this pass
     a.restart(-10);
     list()->processTimer();
-    EXPECT_EQ(log.order, (std::vector<int>{1}));
+    EXPECT_EQ(gOrder, (std::vector<int>{1}));
     EXPECT_FALSE(a.isRunning());
-    EXPECT_EQ(taken(), 1u);
+    EXPECT_EQ(nodesOut(), 1u);
     list()->processTimer();
-    EXPECT_EQ(log.order, (std::vector<int>{1, 2}));
+    EXPECT_EQ(gOrder, (std::vector<int>{1, 2}));
     ATimer* gone = new ATimer;
     gone->setHandler(deleteSelf, nullptr);
     gone->setRepeat(true);
     gone->restart(-10);
     list()->processTimer();
-    EXPECT_EQ(taken(), 0u);
+    EXPECT_EQ(nodesOut(), 0u);
 
     a.setHandler(throwUp, nullptr);
     a.restart(-10);
     EXPECT_THROW(list()->processTimer(), std::runtime_error);
     EXPECT_FALSE(a.isRunning());
-    EXPECT_EQ(taken(), 0u);
+    EXPECT_EQ(nodesOut(), 0u);
     a.restart(60000);  // the list's mutex was released
     a.stop();
 }

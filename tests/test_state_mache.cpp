@@ -12,7 +12,7 @@
 #include "kel_port.h"
 #include "kel_queue.h"
 #include "support/log_capture.h"
-#include "support/loop_helpers.h"
+#include "support/loop_harness.h"
 #include "support/state_recorder.h"
 
 namespace {
