@@ -1,14 +1,9 @@
-// Random sequences of enqueue, enqueueNotify, enqueueAutofree, cancelFn,
-// queueProcess and timer operations on one dispatch queue and one thread,
-// checked against a model: a list of pending calls, the timers' pending
-// entries in deadline order, and the node counters.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
+// Random sequences of queuing, cancelling, processing and timer calls on one
+// dispatch queue and one thread, checked against a model: the pending calls
+// in order, the timers' entries by arming order, and the node count.
 #include <time.h>
 
 #include <algorithm>
-#include <deque>
 #include <vector>
 
 #include "dispatch_process.h"
@@ -21,26 +16,18 @@ using dispatch::Timer;
 
 namespace {
 
-constexpr int kTargets = 3;
-constexpr int kTimers = 3;
+constexpr int kTargets = 3, kTimers = 3;
 constexpr int kFar = 100000;  // ms; never due within one input
 
-// What ran, as a tag per call.
-std::vector<int> gRan;
+std::vector<int> gRan;  // a tag per call
+int gAlive = 0;
 
 struct Target : public Object {
-    int id = 0;
-    void a() { gRan.push_back(id * 2); }
-    void b() { gRan.push_back(id * 2 + 1); }
-};
-
-// Freed by the queue after its call; counted while alive.
-int gOwnedAlive = 0;
-struct Owned : public Object {
-    explicit Owned(int tag) : tag(tag) { ++gOwnedAlive; }
-    ~Owned() override { --gOwnedAlive; }
+    Target() { ++gAlive; }
+    ~Target() override { --gAlive; }
     void a() { gRan.push_back(tag); }
-    int tag;
+    void b() { gRan.push_back(tag + 1); }
+    int tag = 0;
 };
 
 struct Pending {
@@ -51,16 +38,14 @@ struct Pending {
 };
 
 struct TimerModel {
-    bool running = false;
-    bool due = false;  // pending entry with delay 0 (otherwise far)
-    bool pending = false;
-    long armedAt = 0;  // order of arming, for equal deadlines
+    bool running = false, due = false;
+    long armedAt = 0;  // 0: no entry; else the arming order, for equal deadlines
 };
 
 int nodesUsed(Queue& q) {
     q.profile();
-    int used = -1, made = -1;
-    sscanf(fuzz::gLastLine, "node pools: used=%d, counts=%d", &used, &made);
+    int used = -1;
+    sscanf(fuzz::gLastLine, "node pools: used=%d", &used);
     return used;
 }
 
@@ -76,132 +61,94 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     __logprintf = fuzz::quietLog;
     fuzz::Input in(data, size);
     Queue q;
-    FUZZ_CHECK(nodesUsed(q) == 0);
-    Target targets[kTargets];
-    for (int i = 0; i < kTargets; ++i) targets[i].id = i;
-    Target timerTargets[kTimers];
-    std::vector<Timer*> timers;
+    Target targets[kTargets + kTimers];
+    Timer* timers[kTimers];
+    for (int i = 0; i < kTargets + kTimers; ++i) targets[i].tag = 2 * i;
     for (int i = 0; i < kTimers; ++i) {
-        timerTargets[i].id = 50 + i;
-        timers.push_back(new Timer(&q));
-        timers[i]->setHandler(FUNC(&Target::a), &timerTargets[i]);
+        timers[i] = new Timer(&q);
+        timers[i]->setHandler(FUNC(&Target::a), &targets[kTargets + i]);
     }
-    std::deque<Pending> pending;
+    const int base = gAlive;
+    std::vector<Pending> pending;
+    std::vector<Target*> owned;  // queued with enqueueAutofree, not yet run
     TimerModel tm[kTimers];
-    std::vector<Owned*> owned;  // queued with enqueueAutofree, not yet run
     long armings = 0;
     int64_t lastDueArm = 0;
     int nextTag = 1000;
-    gRan.clear();
+    auto drop = [&](Object* target, const Object::Callback1* fn) {
+        pending.erase(
+            std::remove_if(pending.begin(), pending.end(),
+                           [&](const Pending& p) { return p.target == target && (!fn || p.fn == *fn); }),
+            pending.end());
+    };
 
     while (in.more()) {
-        uint8_t op = in.byte();
-        uint8_t arg = in.byte();
+        int op = in.byte() % 9, arg = in.byte();
         Target* t = &targets[arg % kTargets];
-        bool useB = (arg >> 2) & 1;
-        Object::Callback1 fn = useB ? FUNC(&Target::b) : FUNC(&Target::a);
-        int tag = t->id * 2 + (useB ? 1 : 0);
-        TimerModel& m = tm[(arg >> 3) % kTimers];
-        Timer* timer = timers[(arg >> 3) % kTimers];
-        switch (op % 9) {
-            case 0:
-                if (pending.size() >= 200) break;
-                q.enqueue(fn, t);
-                pending.push_back({fn, t, false, tag});
-                break;
-            case 1: {
-                if (pending.size() >= 200) break;
-                q.enqueueNotify(fn, t);
-                bool merged = std::any_of(pending.begin(), pending.end(), [&](const Pending& p) {
-                    return p.notify && p.fn == fn && p.target == t;
-                });
-                if (!merged) pending.push_back({fn, t, true, tag});
-                break;
+        Object::Callback1 fn = (arg & 4) ? FUNC(&Target::b) : FUNC(&Target::a);
+        int tag = t->tag + ((arg & 4) ? 1 : 0), ti = (arg >> 3) % kTimers;
+        bool full = pending.size() >= 200;
+        if (op == 0 && !full) {
+            q.enqueue(fn, t);
+            pending.push_back({fn, t, false, tag});
+        } else if (op == 1 && !full) {
+            q.enqueueNotify(fn, t);
+            if (std::none_of(pending.begin(), pending.end(),
+                             [&](const Pending& p) { return p.notify && p.fn == fn && p.target == t; }))
+                pending.push_back({fn, t, true, tag});
+        } else if (op == 2 && !full) {
+            Target* o = new Target;
+            o->tag = nextTag++;
+            q.enqueueAutofree(FUNC(&Target::a), o);
+            owned.push_back(o);
+            pending.push_back({FUNC(&Target::a), o, false, o->tag});
+        } else if (op == 3) {
+            q.cancelFn(fn, t);
+            drop(t, &fn);
+        } else if (op == 4 && !owned.empty()) {  // a cancelled autofree target stays ours
+            Target* o = owned[arg % owned.size()];
+            q.cancelFn(FUNC(&Target::a), o);
+            drop(o, nullptr);
+            owned.erase(std::find(owned.begin(), owned.end(), o));
+            delete o;
+        } else if (op == 5) {  // pending calls in order, then due timers by arming order
+            std::vector<int> want, due;
+            for (const Pending& p : pending) want.push_back(p.tag);
+            for (int i = 0; i < kTimers; ++i)
+                if (tm[i].armedAt && tm[i].due) due.push_back(i);
+            std::sort(due.begin(), due.end(), [&](int x, int y) { return tm[x].armedAt < tm[y].armedAt; });
+            for (int i : due) want.push_back(targets[kTargets + i].tag), tm[i].armedAt = 0;  // still running
+            while (nowUs() <= lastDueArm + 1) {
             }
-            case 2: {
-                if (pending.size() >= 200) break;
-                Owned* o = new Owned(nextTag++);
-                q.enqueueAutofree(FUNC(&Owned::a), o);
-                owned.push_back(o);
-                pending.push_back({FUNC(&Owned::a), o, false, o->tag});
-                break;
-            }
-            case 3:
-                q.cancelFn(fn, t);
-                pending.erase(std::remove_if(pending.begin(), pending.end(),
-                                             [&](const Pending& p) { return p.fn == fn && p.target == t; }),
-                              pending.end());
-                break;
-            case 4: {  // cancel a freed-after-call item: the target stays ours
-                if (owned.empty()) break;
-                Owned* o = owned[arg % owned.size()];
-                q.cancelFn(FUNC(&Owned::a), o);
-                pending.erase(std::remove_if(pending.begin(), pending.end(),
-                                             [&](const Pending& p) { return p.target == o; }),
-                              pending.end());
-                owned.erase(std::find(owned.begin(), owned.end(), o));
-                delete o;
-                break;
-            }
-            case 5: {  // process: pending calls in order, then due timers by deadline
-                std::vector<int> want;
-                for (const Pending& p : pending) want.push_back(p.tag);
-                std::vector<int> order;
-                for (int i = 0; i < kTimers; ++i) {
-                    if (tm[i].pending && tm[i].due) order.push_back(i);
-                }
-                std::sort(order.begin(), order.end(),
-                          [&](int x, int y) { return tm[x].armedAt < tm[y].armedAt; });
-                for (int i : order) {
-                    want.push_back(timerTargets[i].id * 2);
-                    tm[i].pending = false;  // one-shot: the entry goes, the flag stays
-                }
-                while (nowUs() <= lastDueArm + 1) {
-                }
-                gRan.clear();
-                q.queueProcess(0);
-                FUZZ_CHECK(gRan == want);
-                for (const Pending& p : pending) {
-                    auto it = std::find(owned.begin(), owned.end(), p.target);
-                    if (it != owned.end()) owned.erase(it);
-                }
-                pending.clear();
-                break;
-            }
-            case 6:
-                timer->restart(0);
-                lastDueArm = nowUs();
-                m = {true, true, true, ++armings};
-                break;
-            case 7:
-                timer->restart(kFar);
-                m = {true, false, true, ++armings};
-                break;
-            case 8:
-                timer->stop();
-                m.running = false;
-                m.pending = false;
-                break;
+            gRan.clear();
+            q.queueProcess(0);
+            FUZZ_CHECK(gRan == want);
+            for (const Pending& p : pending)
+                owned.erase(std::remove(owned.begin(), owned.end(), p.target), owned.end());
+            pending.clear();
+        } else if (op >= 6) {
+            if (op == 8)
+                timers[ti]->stop();
+            else
+                timers[ti]->restart(op == 6 ? 0 : kFar);
+            if (op == 6) lastDueArm = nowUs();
+            tm[ti] = op == 8 ? TimerModel{} : TimerModel{true, op == 6, ++armings};
         }
-        int timersPending = 0;
+        int entries = 0;
         bool anyDue = false;
         for (int i = 0; i < kTimers; ++i) {
             FUZZ_CHECK(timers[i]->isRunning() == tm[i].running);
-            if (tm[i].pending) ++timersPending;
-            anyDue = anyDue || (tm[i].pending && tm[i].due);
+            entries += tm[i].armedAt != 0;
+            anyDue = anyDue || (tm[i].armedAt && tm[i].due);
         }
-        FUZZ_CHECK(nodesUsed(q) == static_cast<int>(pending.size()) + timersPending);
-        FUZZ_CHECK(gOwnedAlive == static_cast<int>(owned.size()));
+        FUZZ_CHECK(nodesUsed(q) == static_cast<int>(pending.size()) + entries);
+        FUZZ_CHECK(gAlive == base + static_cast<int>(owned.size()));
         int64_t wait = q.getNeedWait();
-        if (timersPending == 0)
-            FUZZ_CHECK(wait == INT64_MAX);
-        else if (!anyDue)
-            FUZZ_CHECK(wait > 0 && wait <= static_cast<int64_t>(kFar) * 1000);
-        else
-            FUZZ_CHECK(wait < 2000);
+        FUZZ_CHECK(entries == 0 ? wait == INT64_MAX
+                   : anyDue     ? wait < 2000
+                                : wait > 0 && wait <= kFar * 1000LL);
     }
-
-    // Wind down: timers go with their entries, the rest runs; no node is left.
+    // Timers go with their entries, the rest runs; no node is left.
     for (Timer* timer : timers) delete timer;
     q.queueProcess(0);
     FUZZ_CHECK(nodesUsed(q) == 0);

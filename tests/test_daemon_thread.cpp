@@ -1,8 +1,6 @@
 // The thread pool behind DaemonThread: reuse in order, one pass per start,
 // names, failures to make a thread or to allocate, and many starters.
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -27,26 +25,23 @@ namespace {
 
 bool poolIdle() { return kel_pool_counts().used == 0; }
 
-class Task : public DaemonThread {
-public:
+struct Task : public DaemonThread {
     std::function<void(Task&)> onRun, onExit;
     std::atomic<int> runs{0}, exits{0};
-    std::atomic<long> runTid{0}, exitTid{0};
+    std::atomic<long> runTid{0};
     std::string runName;
-
     void run() override {
         runTid = currentTid();
         runName = threadName();
         if (onRun) onRun(*this);
-        runs.fetch_add(1);
+        ++runs;
     }
     void threadExit() override {
-        exitTid = currentTid();
         if (onExit) onExit(*this);
-        exits.fetch_add(1);
+        ++exits;
     }
     bool waitExits(int n) {
-        return waitUntil([&] { return exits.load() == n; });
+        return waitUntil([&] { return exits == n; });
     }
     using DaemonThread::setName;
 };
@@ -60,10 +55,11 @@ LogCapture& keptLogCapture() {
 
 // Every record is in exactly one list, every idle one has its thread, and
 // no other thread is left.
-void expectQuiescentPool() {
+void expectQuiescentPool(int alive) {
     ASSERT_TRUE(waitUntil(poolIdle));
     KelPoolCounts c = kel_pool_counts();
     EXPECT_EQ(c.free, c.alive);
+    EXPECT_TRUE(alive == 0 || c.alive == alive) << c.alive;
     EXPECT_TRUE(waitUntil([&] {
         int pooled = 0;
         for (const std::string& n : threadNames()) pooled += n.rfind("kel-pool-", 0) == 0 ? 1 : 0;
@@ -76,10 +72,9 @@ void expectQuiescentPool() {
 // Freed threads serve later tasks first-freed first; a name set in run()
 // lasts one pass; setName from another thread or with null does nothing.
 TEST(DaemonThread, FreedThreadsAreReusedInOrderAndForgetTheirName) {
-    std::string mine = threadName();
+    std::string mine = threadName(), nameInRun;
     Gate gateA, gateB;
     Task a, b, c, d;
-    std::string nameInRun;
     a.setName("from-main");
     EXPECT_EQ(threadName(), mine);
     a.onRun = [&](Task& self) {
@@ -89,32 +84,24 @@ TEST(DaemonThread, FreedThreadsAreReusedInOrderAndForgetTheirName) {
         gateA.wait();
     };
     b.onRun = [&](Task&) { gateB.wait(); };
-    ASSERT_TRUE(a.start());
-    ASSERT_TRUE(b.start());
+    ASSERT_TRUE(a.start() && b.start());
     ASSERT_TRUE(waitUntil([&] { return a.isRunning() && b.isRunning(); }));
-    EXPECT_NE(a.runTid.load(), b.runTid.load());
-    EXPECT_EQ(kel_pool_counts().used, 2);
     gateB.open();
     ASSERT_TRUE(waitUntil([] { return kel_pool_counts().free == 1; }));
     gateA.open();
     ASSERT_TRUE(waitUntil(poolIdle));
-    EXPECT_EQ(kel_pool_counts().free, 2);
     EXPECT_EQ(nameInRun, "fetcher");
-    ASSERT_TRUE(c.start());
-    ASSERT_TRUE(c.waitExits(1));
-    ASSERT_TRUE(d.start());
-    ASSERT_TRUE(d.waitExits(1));
-    EXPECT_EQ(c.runTid.load(), b.runTid.load());
-    EXPECT_EQ(d.runTid.load(), a.runTid.load());
+    ASSERT_TRUE(c.start() && c.waitExits(1));
+    ASSERT_TRUE(d.start() && d.waitExits(1));
+    EXPECT_EQ(c.runTid, b.runTid);
+    EXPECT_EQ(d.runTid, a.runTid);
     EXPECT_EQ(d.runName.rfind("kel-pool-", 0), 0u) << d.runName;
-    EXPECT_EQ(kel_pool_counts().alive, 2);
-    expectQuiescentPool();
+    expectQuiescentPool(2);
 }
 
-// run() then threadExit() on one named thread, no
-// pool lock held (profile and start inside run would hang). Starts during
-// run() are absorbed and leave no wake-up; one in threadExit() makes a
-// second pass on another thread.
+// run() then threadExit() on one thread, no pool lock held (profile and
+// start inside run would hang). Starts during run() are absorbed and leave
+// no wake-up; one in threadExit() makes a second pass on another thread.
 TEST(DaemonThread, PassRunsThenThreadExitAndOnlyAStartInThreadExitRunsAgain) {
     LogCapture& cap = keptLogCapture();
     Task t;
@@ -122,33 +109,30 @@ TEST(DaemonThread, PassRunsThenThreadExitAndOnlyAStartInThreadExitRunsAgain) {
     std::atomic<bool> runningInRun{false}, runningInExit{true};
     std::atomic<long> firstTid{0};
     t.onRun = [&](Task& self) {
-        if (self.runs.load() > 0) return;
+        if (self.runs > 0) return;
         runningInRun = self.isRunning();
         self.setRunningStep("working");
         DaemonThread::profile();
-        EXPECT_TRUE(self.start());
-        EXPECT_TRUE(self.start());
+        EXPECT_TRUE(self.start() && self.start());
     };
     t.onExit = [&](Task& self) {
-        if (firstTid.load() != 0) return;
+        if (firstTid != 0) return;
         runningInExit = self.isRunning();
         firstTid = currentTid();
-        EXPECT_EQ(self.runTid.load(), firstTid.load());
+        EXPECT_EQ(self.runTid, firstTid);
         EXPECT_TRUE(self.start());
     };
     ASSERT_TRUE(t.start());
     ASSERT_TRUE(t.waitExits(2));
     ASSERT_TRUE(waitUntil(poolIdle));
     usleep(50 * 1000);  // a leftover request would wake a thread by now
-    EXPECT_EQ(t.runs.load(), 2);
-    EXPECT_NE(t.runTid.load(), firstTid.load());
+    EXPECT_EQ(t.runs, 2);
+    EXPECT_NE(t.runTid, firstTid);
     EXPECT_EQ(cap.count("Wait end", LOG_DEBUG), 0);
-    EXPECT_TRUE(runningInRun.load());
-    EXPECT_FALSE(runningInExit.load());
+    EXPECT_TRUE(runningInRun);
+    EXPECT_FALSE(runningInExit);
     EXPECT_STREQ(t.runningStep(), "working");
-    EXPECT_EQ(t.runName.rfind("kel-pool-", 0), 0u) << t.runName;
-    EXPECT_EQ(kel_pool_counts().alive, 2);
-    expectQuiescentPool();
+    expectQuiescentPool(2);
 }
 
 // A failed pthread_create is logged; start() retries once, then reports
@@ -166,71 +150,57 @@ TEST(DaemonThread, FailuresToMakeAThreadOrAllocateLeaveThePoolUsable) {
     }
     const std::string line = "pthread_create failed, " + std::to_string(EAGAIN) + ", " + strerror(EAGAIN);
     hooks::failCreates = 1;  // the second attempt in start() succeeds
-    EXPECT_TRUE(t.start());
-    ASSERT_TRUE(t.waitExits(1));
+    EXPECT_TRUE(t.start() && t.waitExits(1));
     EXPECT_EQ(cap.count(line, LOG_WARN), 1);
     Gate gate;
-    Task hold;
+    Task hold, refused, after;
     hold.onRun = [&](Task&) { gate.wait(); };
     ASSERT_TRUE(hold.start());  // occupies the only free thread
-    std::atomic<int> ran{0};
-    auto count = [](void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1); };
+    static std::atomic<int> ran{0};
     DispathQueue* stuck = kel_dispatch_queue_create();
     hooks::failCreates = 4;
-    {
-        Task refused;
-        EXPECT_FALSE(refused.start());
-        kel_dispatch_async_t(stuck, count, &ran);  // fails twice as well
-        EXPECT_EQ(cap.count(line, LOG_WARN), 5);
-        EXPECT_EQ(refused.runs.load(), 0);
-    }
+    EXPECT_FALSE(refused.start());
+    kel_dispatch_async_t(
+        stuck, [](void*) { ++ran; }, nullptr);  // fails twice as well
+    EXPECT_EQ(cap.count(line, LOG_WARN), 5);
 #ifdef __SANITIZE_ADDRESS__
     __lsan_ignore_object(stuck);  // a queue left without a thread is never freed
 #endif
     kel_dispatch_queue_destory(stuck);
-    Task after;
-    EXPECT_TRUE(after.start());
-    ASSERT_TRUE(after.waitExits(1));
+    EXPECT_TRUE(after.start() && after.waitExits(1));
     gate.open();
     ASSERT_TRUE(hold.waitExits(1));
     // The threadless records stay in the used list, never handed out.
     ASSERT_TRUE(waitUntil([] { return kel_pool_counts().used == 2; }));
     EXPECT_EQ(kel_pool_counts().alive, 2);
-    EXPECT_EQ(ran.load(), 0) << "the work of the queue without a thread ran";
+    EXPECT_EQ(refused.runs + ran, 0);
 }
 
 // Every start of an idle task makes exactly one pass, from many threads.
 TEST(DaemonThread, TasksStartedFromManyThreadsKeepThePoolConsistent) {
-    constexpr int kThreads = 4, kRounds = 200;
     std::vector<std::thread> starters;
-    std::atomic<int> total{0};
-    for (int i = 0; i < kThreads; ++i) {
+    for (int i = 0; i < 4; ++i) {
         starters.emplace_back([&] {
             Task t;
-            t.onExit = [&](Task&) { total.fetch_add(1); };
-            for (int r = 1; r <= kRounds; ++r) {
-                t.start();
-                ASSERT_TRUE(t.waitExits(r));
-            }
-            EXPECT_EQ(t.runs.load(), kRounds);
+            for (int r = 1; r <= 200; ++r) ASSERT_TRUE(t.start() && t.waitExits(r));
+            EXPECT_EQ(t.runs, 200);
         });
     }
     for (auto& s : starters) s.join();
-    EXPECT_EQ(total.load(), kThreads * kRounds);
-    EXPECT_LE(kel_pool_counts().alive, 2 * kThreads);
-    expectQuiescentPool();
+    EXPECT_LE(kel_pool_counts().alive, 8);
+    expectQuiescentPool(0);
 }
 
 // A work queue whose first thread binding ran out of memory keeps its work
 // and runs it, with the next work, after the next call.
 TEST(DaemonThread, WorkQueueRunsAgainAfterItsBindingFailed) {
     static std::atomic<int> ran{0};
-    DispatchFunc work = [](void*) { ran.fetch_add(1); };
+    DispatchFunc work = [](void*) { ++ran; };
     DispathQueue* q = kel_dispatch_queue_create();
     hooks::failAllocIn = 2;  // the work's node, then the pool's list entry
     EXPECT_THROW(kel_dispatch_async_t(q, work, nullptr), std::bad_alloc);
     hooks::failAllocIn = 0;
     kel_dispatch_async_t(q, work, nullptr);
-    EXPECT_TRUE(waitUntil([] { return ran.load() == 2; }));
+    EXPECT_TRUE(waitUntil([] { return ran == 2; }));
     kel_dispatch_queue_destory(q);
 }

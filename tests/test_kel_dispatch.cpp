@@ -18,39 +18,32 @@ namespace {
 
 bool poolIdle() { return kel_pool_counts().used == 0; }
 
-// Counts finished works and lets the test wait for a number of them.
-struct Done {
-    std::atomic<int> n{0};
-    void add() { ++n; }
-    bool waitFor(int want) {
-        return waitUntil([&] { return n.load() >= want; }, 60);
-    }
-};
+std::atomic<int> gDone{0};
+bool doneReaches(int n) {
+    return waitUntil([n] { return gDone >= n; }, 60);
+}
+void countWork(void*) { ++gDone; }
 
 // Works carry (producer, sequence) and must arrive in per-producer order,
 // one at a time, on pooled threads.
 struct Order {
-    std::atomic<int> inside{0}, overlaps{0}, misnamed{0};
+    std::atomic<int> inside{0}, faults{0};
     int next[4] = {};
-    int misordered = 0;  // plain: serial execution makes this safe
-    Done done;
-};
-Order* gOrder = nullptr;
+} gOrder;
 
 void orderedWork(void* ctx) {
     uintptr_t v = reinterpret_cast<uintptr_t>(ctx);
     int producer = static_cast<int>(v >> 24), seq = static_cast<int>(v & 0xFFFFFF);
-    if (gOrder->inside.fetch_add(1) != 0) gOrder->overlaps.fetch_add(1);
-    if (gOrder->next[producer] != seq) ++gOrder->misordered;
-    if (seq == 0 && threadName().rfind("kel-pool-", 0) != 0) gOrder->misnamed.fetch_add(1);
-    gOrder->next[producer] = seq + 1;
-    gOrder->inside.fetch_sub(1);
-    gOrder->done.add();
+    if (gOrder.inside++ != 0 || gOrder.next[producer] != seq) ++gOrder.faults;
+    if (seq == 0 && threadName().rfind("kel-pool-", 0) != 0) ++gOrder.faults;
+    gOrder.next[producer] = seq + 1;
+    --gOrder.inside;
+    ++gDone;
 }
 
 void expectSerial(DispathQueue* q, int producers, int per) {
-    Order order;
-    gOrder = &order;
+    gDone = 0;
+    std::fill(gOrder.next, gOrder.next + 4, 0);
     std::vector<std::thread> ts;
     for (int p = 0; p < producers; ++p) {
         ts.emplace_back([=] {
@@ -59,14 +52,10 @@ void expectSerial(DispathQueue* q, int producers, int per) {
         });
     }
     for (auto& t : ts) t.join();
-    ASSERT_TRUE(order.done.waitFor(producers * per));
-    EXPECT_EQ(order.overlaps.load(), 0);
-    EXPECT_EQ(order.misordered, 0);
-    EXPECT_EQ(order.misnamed.load(), 0);
-    for (int p = 0; p < producers; ++p) EXPECT_EQ(order.next[p], per);
+    ASSERT_TRUE(doneReaches(producers * per));
+    EXPECT_EQ(gOrder.faults, 0) << "overlap, disorder or an unnamed thread";
+    for (int p = 0; p < producers; ++p) EXPECT_EQ(gOrder.next[p], per);
 }
-
-void countWork(void* ctx) { static_cast<Done*>(ctx)->add(); }
 
 }  // namespace
 
@@ -79,47 +68,36 @@ TEST(WorkQueue, StressWorksFromFourThreadsRunInOrderWithoutOverlap) {
     EXPECT_TRUE(waitForNoStrayThreads());
 }
 
-namespace {
-struct Trace {
-    std::mutex m;
-    std::vector<int> seen;
-    DispathQueue* q;
-    Gate gate;
-    std::atomic<bool> lateRan{false}, returnedFirst{false};
-    Done done;
-    void note(int v) {
-        std::lock_guard<std::mutex> l(m);
-        seen.push_back(v);
-        done.add();
-    }
-} * gTrace;
-}  // namespace
-
 // Queuing never waits, also from a work of the same queue, and work queued
 // from a work runs after what was queued before it.
 TEST(WorkQueue, WorkQueuedFromAWorkRunsLaterWithoutBlockingTheQueuer) {
-    Trace trace;
-    gTrace = &trace;
-    trace.q = kel_dispatch_queue_create();
+    static std::mutex m;
+    static std::vector<int> seen;
+    static DispathQueue* q = kel_dispatch_queue_create();
+    static Gate gate;
+    static auto note = [](int v) {
+        std::lock_guard<std::mutex> l(m);
+        seen.push_back(v);
+    };
     kel_dispatch_async_t(
-        trace.q, [](void*) { gTrace->gate.wait(); }, nullptr);
+        q, [](void*) { gate.wait(); }, nullptr);
     kel_dispatch_async_t(
-        trace.q,
+        q,
         [](void*) {
             kel_dispatch_async_t(
-                gTrace->q, [](void*) { gTrace->lateRan = true, gTrace->note(3); }, nullptr);
-            gTrace->returnedFirst = !gTrace->lateRan.load();
-            gTrace->note(1);
+                q, [](void*) { note(3); }, nullptr);
+            note(1);
         },
         nullptr);
     kel_dispatch_async_t(
-        trace.q, [](void*) { gTrace->note(2); }, nullptr);
-    EXPECT_EQ(trace.done.n, 0);  // the first work still blocks
-    trace.gate.open();
-    ASSERT_TRUE(trace.done.waitFor(3));
-    EXPECT_TRUE(trace.returnedFirst.load());
-    EXPECT_EQ(trace.seen, (std::vector<int>{1, 2, 3}));
-    kel_dispatch_queue_destory(trace.q);
+        q, [](void*) { note(2); }, nullptr);
+    gate.open();
+    ASSERT_TRUE(waitUntil([] {
+        std::lock_guard<std::mutex> l(m);
+        return seen.size() == 3;
+    }));
+    EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
+    kel_dispatch_queue_destory(q);
     ASSERT_TRUE(waitUntil(poolIdle));
 }
 
@@ -127,17 +105,15 @@ TEST(WorkQueue, WorkQueuedFromAWorkRunsLaterWithoutBlockingTheQueuer) {
 // binds one again for new work; a second reference keeps it across a drop.
 TEST(WorkQueue, DrainedQueueGivesItsThreadBackAndReferencesKeepIt) {
     kel_dispatch_queue_destory(nullptr);  // ignored
+    gDone = 0;
     DispathQueue* q = kel_dispatch_queue_create();
     EXPECT_EQ(kel_pool_counts().used, 0);
-    Done done;
     for (int round = 1; round <= 20; ++round) {
-        kel_dispatch_async_t(q, countWork, &done);
-        ASSERT_TRUE(done.waitFor(round));
+        kel_dispatch_async_t(q, countWork, nullptr);
+        ASSERT_TRUE(doneReaches(round));
         ASSERT_TRUE(waitUntil(poolIdle)) << round;
-        if (round == 10) {
-            kel_dispatch_queue_ref(q);
-            kel_dispatch_queue_destory(q);  // a use after free shows under a sanitizer
-        }
+        if (round == 10)
+            kel_dispatch_queue_ref(q), kel_dispatch_queue_destory(q);  // use after free: sanitizer
     }
     EXPECT_LE(kel_pool_counts().alive, 2);
     kel_dispatch_queue_destory(q);
@@ -148,19 +124,16 @@ TEST(WorkQueue, DrainedQueueGivesItsThreadBackAndReferencesKeepIt) {
 // every work still runs, and the queue is freed after it (the leak checker
 // of a sanitizer run proves that part).
 TEST(WorkQueue, LastHandleMayBeDroppedAfterQueuingOrFromAWork) {
-    Done done;
     for (int i = 0; i < 300; ++i) {
         DispathQueue* q = kel_dispatch_queue_create();
-        kel_dispatch_async_t(q, countWork, &done);
-        if (i % 2 == 0) {
+        kel_dispatch_async_t(q, countWork, nullptr);
+        if (i % 2 == 0)
             kel_dispatch_queue_destory(q);
-        } else {
-            static Done* d = &done;
+        else
             kel_dispatch_async_t(
-                q, [](void* h) { kel_dispatch_queue_destory(h), d->add(); }, q);
-        }
+                q, [](void* h) { kel_dispatch_queue_destory(h), ++gDone; }, q);
     }
-    ASSERT_TRUE(done.waitFor(450));
+    ASSERT_TRUE(doneReaches(450));
     ASSERT_TRUE(waitUntil(poolIdle));
 }
 
@@ -170,26 +143,16 @@ TEST(WorkQueue, LastHandleMayBeDroppedAfterQueuingOrFromAWork) {
 TEST(Rendezvous, CallersPairByTagAndSwapValues) {
     int x, y;
     intptr_t r[4] = {};
-    std::thread a([&] { r[0] = kel_rendezvous(&x, 10); });
-    std::thread b([&] { r[1] = kel_rendezvous(&y, 20); });
-    std::thread c([&] { r[2] = kel_rendezvous(&y, 21); });
-    std::thread d([&] { r[3] = kel_rendezvous(&x, 11); });
-    for (auto* t : {&a, &b, &c, &d}) t->join();
-    EXPECT_EQ(r[0], 11);
-    EXPECT_EQ(r[3], 10);
-    EXPECT_EQ(r[1], 21);
-    EXPECT_EQ(r[2], 20);
-    std::atomic<int> returned{0};
+    void* tags[4] = {&x, &y, &y, &x};
     std::vector<std::thread> ts;
-    for (int i = 0; i < 3; ++i) {
-        ts.emplace_back([&, i] {
-            r[i] = kel_rendezvous(nullptr, i);
-            returned.fetch_add(1);
-        });
-    }
-    ASSERT_TRUE(waitUntil([&] { return returned.load() == 2; }));
+    for (int i = 0; i < 4; ++i) ts.emplace_back([&, i] { r[i] = kel_rendezvous(tags[i], 10 + i); });
+    for (auto& t : ts) t.join();
+    EXPECT_EQ(std::vector<intptr_t>(r, r + 4), (std::vector<intptr_t>{13, 12, 11, 10}));
+    ts.clear();
+    for (int i = 0; i < 3; ++i) ts.emplace_back([&, i] { r[i] = kel_rendezvous(nullptr, i), ++gDone; });
+    ASSERT_TRUE(doneReaches(2));
     usleep(20 * 1000);
-    EXPECT_EQ(returned.load(), 2);
+    EXPECT_EQ(gDone, 2);
     r[3] = kel_rendezvous(nullptr, 3);
     for (auto& t : ts) t.join();
     for (int i = 0; i < 4; ++i) {
@@ -202,22 +165,15 @@ TEST(Rendezvous, CallersPairByTagAndSwapValues) {
 // Works, and threads started from them, run with the application's signal
 // mask: the pool blocks nothing of its own.
 TEST(WorkQueue, WorksAndThreadsTheyStartKeepTheSignalMask) {
-    struct Masks : SimpleThread {
+    static struct Masks : SimpleThread {
         sigset_t inWork, inThread;
-        Done done;
         void run() override { pthread_sigmask(SIG_SETMASK, nullptr, &inThread); }
     } m;
     kel_dispatch_async_t(
         nullptr,
-        [](void* p) {
-            Masks* m = static_cast<Masks*>(p);
-            pthread_sigmask(SIG_SETMASK, nullptr, &m->inWork);
-            m->start(), m->join(), m->done.add();
-        },
-        &m);
-    ASSERT_TRUE(m.done.waitFor(1));
-    for (int sig : {SIGTERM, SIGPIPE}) {
-        EXPECT_EQ(sigismember(&m.inWork, sig), 0) << sig;
-        EXPECT_EQ(sigismember(&m.inThread, sig), 0) << sig;
-    }
+        [](void*) { pthread_sigmask(SIG_SETMASK, nullptr, &m.inWork), m.start(), m.join(), ++gDone; },
+        nullptr);
+    ASSERT_TRUE(doneReaches(1));
+    for (int sig : {SIGTERM, SIGPIPE})
+        EXPECT_FALSE(sigismember(&m.inWork, sig) || sigismember(&m.inThread, sig)) << sig;
 }
