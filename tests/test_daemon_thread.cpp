@@ -1,14 +1,11 @@
 // The thread pool behind DaemonThread: reuse in order, one pass per start,
 // names, failures to make a thread or to allocate, and many starters.
 #include <gtest/gtest.h>
+
 #include <string.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <functional>
-#include <string>
-#include <thread>
-#include <vector>
 
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/lsan_interface.h>

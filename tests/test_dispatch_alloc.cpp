@@ -1,23 +1,16 @@
 // Heap accounting for the dispatch queues: no allocation in steady state,
 // nodes kept and handed on, and failures of the store's allocation.
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <new>
-#include <thread>
-#include <vector>
 
-#include "dispatch_process.h"
 #include "support/fault_hooks.h"
 #include "support/loop_harness.h"
 
-using dispatch::FUNC;
-using dispatch::Loop;
-using dispatch::Object;
-using dispatch::Queue;
-using dispatch::Timer;
+using namespace dispatch;
 using hooks::allocs;
 
 namespace {

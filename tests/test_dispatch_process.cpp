@@ -1,27 +1,16 @@
 // Dispatch queues: run, processing modes, misuse, timers, the event loop on
 // a queue, and holds. Plain order of queued calls is the fuzz model's part.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <functional>
-#include <mutex>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "dispatch_private.h"  // timespecAfter, firesBefore
-#include "dispatch_process.h"
 #include "support/loop_harness.h"
 
-using dispatch::FUNC;
-using dispatch::Loop;
-using dispatch::Object;
-using dispatch::Queue;
-using dispatch::Timer;
+using namespace dispatch;
 using namespace std::chrono_literals;
 
 namespace {

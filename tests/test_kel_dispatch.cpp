@@ -1,12 +1,8 @@
 // Work queues on pooled threads and the rendezvous.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
-#include <thread>
-#include <vector>
 
 #include "daemon_pool.h"
 #include "daemon_thread.h"
