@@ -70,11 +70,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     const int base = gAlive;
     std::vector<Pending> pending;
-    std::vector<Target*> owned;  // queued with enqueueAutofree, not yet run
     TimerModel tm[kTimers];
     long armings = 0;
     int64_t lastDueArm = 0;
     int nextTag = 1000;
+    auto isOwned = [](const Pending& p) { return p.tag >= 1000; };  // queued with enqueueAutofree
+    auto owned = [&] { return static_cast<int>(std::count_if(pending.begin(), pending.end(), isOwned)); };
     auto drop = [&](Object* target, const Object::Callback1* fn) {
         pending.erase(
             std::remove_if(pending.begin(), pending.end(),
@@ -100,16 +101,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Target* o = new Target;
             o->tag = nextTag++;
             q.enqueueAutofree(FUNC(&Target::a), o);
-            owned.push_back(o);
             pending.push_back({FUNC(&Target::a), o, false, o->tag});
         } else if (op == 3) {
             q.cancelFn(fn, t);
             drop(t, &fn);
-        } else if (op == 4 && !owned.empty()) {  // a cancelled autofree target stays ours
-            Target* o = owned[arg % owned.size()];
+        } else if (op == 4 && owned() > 0) {  // a cancelled autofree target stays ours
+            auto it = std::find_if(pending.begin() + arg % pending.size(), pending.end(), isOwned);
+            Object* o = it == pending.end() ? std::find_if(pending.begin(), pending.end(), isOwned)->target
+                                            : it->target;
             q.cancelFn(FUNC(&Target::a), o);
             drop(o, nullptr);
-            owned.erase(std::find(owned.begin(), owned.end(), o));
             delete o;
         } else if (op == 5) {  // pending calls in order, then due timers by arming order
             std::vector<int> want, due;
@@ -123,8 +124,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             gRan.clear();
             q.queueProcess(0);
             FUZZ_CHECK(gRan == want);
-            for (const Pending& p : pending)
-                owned.erase(std::remove(owned.begin(), owned.end(), p.target), owned.end());
             pending.clear();
         } else if (op >= 6) {
             if (op == 8)
@@ -142,7 +141,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             anyDue = anyDue || (tm[i].armedAt && tm[i].due);
         }
         FUZZ_CHECK(nodesUsed(q) == static_cast<int>(pending.size()) + entries);
-        FUZZ_CHECK(gAlive == base + static_cast<int>(owned.size()));
+        FUZZ_CHECK(gAlive == base + owned());
         int64_t wait = q.getNeedWait();
         FUZZ_CHECK(entries == 0 ? wait == INT64_MAX
                    : anyDue     ? wait < 2000
