@@ -86,9 +86,11 @@ protected:
 
 }  // namespace
 
-// A cancelled run returns without its call; run waits for earlier items and
-// for its own call on the processing thread.
-TEST_F(Dispatch, RunWaitsForItsCallAndEarlierItemsAndEndsWhenCancelled) {
+// With a wakeup function: enqueue calls it and sets no interrupt, interrupt
+// does not call it, a lock with nobody processing asks for a processor, and
+// processing waits for an interrupt. A cancelled run returns without its
+// call; run waits for earlier items and its own call on the processor.
+TEST_F(Dispatch, RunAndProcessingWithAWakeupFunction) {
     Queue q;
     Rec woken(&trace, ""), a(&trace, "a"), b(&trace, "b"), r(&trace, "r");
     q.setWakeupFn(FUNC(&Rec::hit), &woken);
@@ -96,40 +98,25 @@ TEST_F(Dispatch, RunWaitsForItsCallAndEarlierItemsAndEndsWhenCancelled) {
     ASSERT_TRUE(waitUntil([&] { return woken.calls == 1; }));
     q.cancelFn(FUNC(&Rec::hit), &a);
     caller.join();
-    q.queueProcess(0);
-    EXPECT_EQ(a.calls, 0);
+    q.enqueue(FUNC(&Rec::hit), &a);
+    EXPECT_EQ(woken.calls, 2);
+    q.interrupt();
+    q.queueProcess(1);  // runs the pending work, then returns
+    EXPECT_EQ(a.calls, 1) << "the cancelled run's call is gone";
+    EXPECT_EQ(woken.calls, 2);
+    std::thread locker([&] { q.lock(), q.unlock(); });
+    ASSERT_TRUE(waitUntil([&] { return woken.calls == 3; }));
+    std::atomic<bool> done{false};
+    std::thread worker([&] { q.queueProcess(1), done = true; });
+    locker.join();
     a.hook = [&] { std::this_thread::sleep_for(20ms); };
     r.hook = [&] { std::this_thread::sleep_for(20ms), trace.add("."); };
     q.enqueue(FUNC(&Rec::hit), &a);
     q.enqueue(FUNC(&Rec::hit), &b);
-    std::thread worker([&] { q.queueProcess(1); });
     q.run(FUNC(&Rec::hit), &r);
     trace.add("!");
-    EXPECT_EQ(trace.str(), "abr.!");
+    EXPECT_EQ(trace.str(), "aabr.!");
     EXPECT_EQ(r.thread, worker.get_id());
-    q.interrupt();
-    worker.join();
-}
-
-// With a wakeup function, enqueue calls it and sets no interrupt; interrupt
-// does not call it; a lock with nobody processing asks for a processor.
-TEST_F(Dispatch, ProcessingWithWakeupWaitsUntilInterrupted) {
-    Queue q;
-    Rec woken(&trace, ""), a(&trace, "a");
-    q.setWakeupFn(FUNC(&Rec::hit), &woken);
-    q.enqueue(FUNC(&Rec::hit), &a);
-    EXPECT_EQ(woken.calls, 1);
-    q.interrupt();
-    q.queueProcess(1);  // runs the pending work, then returns
-    EXPECT_EQ(a.calls, 1);
-    EXPECT_EQ(woken.calls, 1);
-    std::thread locker([&] { q.lock(), q.unlock(); });
-    ASSERT_TRUE(waitUntil([&] { return woken.calls == 2; }));
-    std::atomic<bool> done{false};
-    std::thread worker([&] { q.queueProcess(1), done = true; });
-    locker.join();
-    q.enqueue(FUNC(&Rec::hit), &a);
-    EXPECT_TRUE(waitUntil([&] { return a.calls == 2; }));
     std::this_thread::sleep_for(30ms);
     EXPECT_FALSE(done) << "processing with a wakeup function waits for an interrupt";
     q.interrupt();
@@ -148,7 +135,8 @@ TEST(DispatchTime, DeadlinesCarryAndClampSeconds) {
 }
 
 // Nested processing, locks from a callback, null targets and out-of-range
-// delays are refused and leave the queue usable.
+// delays are refused and leave the queue usable; a queue dropped with work
+// pending is fatal.
 TEST_F(Dispatch, MisuseAssertsAndLeavesTheQueueUsable) {
     Queue q;
     Rec a(&trace, "a");
@@ -173,16 +161,13 @@ TEST_F(Dispatch, MisuseAssertsAndLeavesTheQueueUsable) {
     q.enqueue(FUNC(&Rec::other), &a);
     q.queueProcess(0);
     EXPECT_EQ(trace.str(), "a+a") << "the queue still works";
-}
-
-TEST_F(Dispatch, DroppingTheLastHolderWithWorkPendingEndsTheProcess) {
+    // Dropping the last holder with work pending ends the process.
     GTEST_FLAG_SET(death_test_style, KEL_DEATH_TEST_STYLE);
-    Rec a(&trace, "a");
     EXPECT_DEATH(
         {
-            Queue* q = new Queue;
-            q->enqueue(FUNC(&Rec::hit), &a);
-            delete q;
+            Queue* dropped = new Queue;
+            dropped->enqueue(FUNC(&Rec::hit), &a);
+            delete dropped;
         },
         "ASSERT: dispatch_process.cpp.[0-9]+: ~QueuePrivate");
 }
