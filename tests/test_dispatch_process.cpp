@@ -1,5 +1,7 @@
 // Dispatch queues: run, processing modes, misuse, timers, the event loop on
-// a queue, and holds. Plain order of queued calls is the fuzz model's part.
+// a queue, holds, and the heap. Plain order of queued calls is the fuzz
+// model's part.
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -8,6 +10,7 @@
 #include <stdexcept>
 
 #include "dispatch_private.h"  // timespecAfter, firesBefore
+#include "support/fault_hooks.h"
 #include "support/loop_harness.h"
 
 using namespace dispatch;
@@ -354,4 +357,126 @@ TEST(DispatchTime, EqualDeadlinesFireInArmingOrder) {
     EXPECT_TRUE(dispatch::firesBefore(listed, armed));
     armed.tiggerTime = 4;
     EXPECT_FALSE(dispatch::firesBefore(listed, armed));
+}
+
+using DispatchAlloc = Dispatch;
+
+namespace {
+struct CountingLoop : public Loop {
+    void procSubMsg(const Evt& e) override { delivered += e.sig; }
+    std::atomic<long> delivered{0};
+};
+
+// One burst of every kind of work, queued during a hold so that the peak is
+// the same on every round.
+void burst(Queue& q, CountingLoop& loop, Timer& timer, Rec& c, Rec& n) {
+    long target = loop.delivered + 16;
+    q.lock();
+    for (int i = 0; i < 8; ++i) q.enqueue(FUNC(&Rec::hit), &c);
+    for (int i = 0; i < 2; ++i) q.enqueueNotify(FUNC(&Rec::hit), &n);  // merged
+    q.enqueue(FUNC(&Rec::other), &c);
+    q.cancelFn(FUNC(&Rec::other), &c);
+    timer.restart(0);
+    Loop::Evt e(2);
+    for (int i = 0; i < 4; ++i) loop.post(e), loop.postFIFO(e);
+    q.unlock();
+    q.run(FUNC(&Rec::hit), &c);
+    while (loop.delivered < target) std::this_thread::yield();
+}
+}  // namespace
+
+TEST_F(DispatchAlloc, SteadyStateTouchesNoHeap) {
+    hooks::counting = true;
+    Queue q;
+    CountingLoop loop;
+    loop.setQueue(&q);
+    Rec c(&trace, ""), n(&trace, "");
+    Tick tc(&trace, "", &q);
+    std::thread t([&] { loop.exec(); });
+    for (int i = 0; i < 3; ++i) burst(q, loop, tc.timer, c, n);  // warm the pool
+    int made0 = 0, made1 = 0;
+    dispatchNodesUsed(q, &made0);
+    hooks::allocs = 0;
+    for (int i = 0; i < 200; ++i) burst(q, loop, tc.timer, c, n);
+    EXPECT_EQ(hooks::allocs, 0);
+    dispatchNodesUsed(q, &made1);
+    EXPECT_EQ(made1, made0) << "the pool did not grow";
+    EXPECT_EQ(c.calls, 203 * 9);
+    tc.timer.stop();
+    loop.exit();
+    t.join();
+}
+
+// Every way of queuing that must grow the node store, failing in the
+// store's allocation: bad_alloc reaches the caller, the queue's mutex is
+// free, the counters and pending work are unchanged, the target of a failed
+// enqueueAutofree is still the caller's, and the next call succeeds.
+TEST_F(DispatchAlloc, HeapFailureWhileQueuingLeavesTheQueueUsable) {
+    struct Owned : public Rec {
+        using Rec::Rec;
+        ~Owned() override { *deleted = true; }
+        bool* deleted = nullptr;
+    };
+    Queue q;
+    RecLoop loop(&trace, &q);
+    bool deleted = false;
+    Rec a(&trace, "1"), b(&trace, "2");
+    Owned* owned = new Owned(&trace, "3");
+    owned->deleted = &deleted;
+    Tick t(&trace, "", &q);
+    Loop::Evt ev(7);
+    std::vector<std::function<void()>> ways = {
+        [&] { q.enqueue(FUNC(&Rec::hit), &a); },
+        [&] { q.enqueueNotify(FUNC(&Rec::hit), &b); },
+        [&] { q.enqueueAutofree(FUNC(&Rec::hit), owned); },
+        [&] { loop.post(ev); },
+        [&] { t.timer.restart(0); },
+    };
+    for (size_t i = 0; i < ways.size(); ++i) {
+        int made = 0, used = dispatchNodesUsed(q, &made);
+        ASSERT_EQ(used, made) << i << ": the store must be empty so that the call grows it";
+        hooks::failAllocIn = 1;
+        EXPECT_THROW(ways[i](), std::bad_alloc) << i;
+        hooks::failAllocIn = 0;
+        EXPECT_EQ(dispatchNodesUsed(q), used) << i;
+        EXPECT_FALSE(t.timer.isRunning()) << i;
+        ways[i]();  // the retry; the queue's mutex was free
+        EXPECT_EQ(dispatchNodesUsed(q), used + 1) << i;
+    }
+    EXPECT_FALSE(deleted) << "a failed enqueueAutofree leaves the target with its caller";
+    std::thread th([&] { loop.exec(); });
+    loop.exit();
+    th.join();
+    t.timer.stop();
+    EXPECT_EQ(trace.str(), "1237");
+    EXPECT_TRUE(deleted);
+}
+
+// One store for all queues, made by whichever queue comes first, also when
+// the first ones are made at once on several threads; nodes given back by
+// one queue serve another without a new allocation.
+TEST_F(DispatchAlloc, QueuesMadeOnSeveralThreadsShareOneStore) {
+    Rec c(&trace, "");
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            while (!go) std::this_thread::yield();
+            Queue q;
+            for (int k = 0; k < 50; ++k) q.enqueue(FUNC(&Rec::hit), &c);
+            q.queueProcess(0);
+        });
+    }
+    go = true;
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(c.calls, 200);
+    hooks::counting = true;
+    Queue q;
+    int made = 0;
+    EXPECT_EQ(dispatchNodesUsed(q, &made), 0);
+    EXPECT_TRUE(made >= 50 && made <= 200) << made;
+    hooks::allocs = 0;
+    for (int k = 0; k < 50; ++k) q.enqueue(FUNC(&Rec::hit), &c);
+    EXPECT_EQ(hooks::allocs, 0);
+    q.queueProcess(0);
 }
