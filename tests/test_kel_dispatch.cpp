@@ -67,31 +67,24 @@ TEST(WorkQueue, StressWorksFromFourThreadsRunInOrderWithoutOverlap) {
 // Queuing never waits, also from a work of the same queue, and work queued
 // from a work runs after what was queued before it.
 TEST(WorkQueue, WorkQueuedFromAWorkRunsLaterWithoutBlockingTheQueuer) {
-    static std::mutex m;
-    static std::vector<int> seen;
+    static std::vector<int> seen;  // works of one queue run one after the other
     static DispathQueue* q = kel_dispatch_queue_create();
     static Gate gate;
-    static auto note = [](int v) {
-        std::lock_guard<std::mutex> l(m);
-        seen.push_back(v);
-    };
+    static void (*note)(int) = [](int v) { seen.push_back(v), ++gDone; };
     kel_dispatch_async_t(
         q, [](void*) { gate.wait(); }, nullptr);
     kel_dispatch_async_t(
         q,
         [](void*) {
             kel_dispatch_async_t(
-                q, [](void*) { note(3); }, nullptr);
-            note(1);
+                q, [](void*) { note(3); }, nullptr),
+                note(1);
         },
         nullptr);
     kel_dispatch_async_t(
         q, [](void*) { note(2); }, nullptr);
     gate.open();
-    ASSERT_TRUE(waitUntil([] {
-        std::lock_guard<std::mutex> l(m);
-        return seen.size() == 3;
-    }));
+    ASSERT_TRUE(doneReaches(3));
     EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
     kel_dispatch_queue_destory(q);
     ASSERT_TRUE(waitUntil(poolIdle));
