@@ -240,14 +240,17 @@ TEST_F(Dispatch, RepeatingTimerKeepsOneEntryAndCountsFromTheCallbacksEnd) {
 }
 
 namespace {
+// Traces the events it gets, or only counts them without a trace.
 struct RecLoop : public Loop {
     RecLoop(Trace* t, Queue* q) : trace(t) { setQueue(q); }
     void procSubMsg(const Evt& e) override {
-        trace->add(std::to_string(e.sig));
+        delivered += e.sig;
+        if (trace) trace->add(std::to_string(e.sig));
         if (e.sig == 1) post(Evt(5));  // delivered in the same turn
     }
     void post(Evt e) { Loop::post(e); }
     Trace* trace;
+    std::atomic<long> delivered{0};
 };
 }  // namespace
 
@@ -287,29 +290,27 @@ TEST_F(Dispatch, LoopDeliversEventsInPostOrderAfterCallbacksAndRunsAgain) {
 
 // Two lockers never hold at once, nor while a callback runs.
 TEST_F(Dispatch, TwoLockersExcludeEachOtherAndTheCallbacks) {
-    struct Busy : public Object {
-        std::atomic<int> inCallback{0}, holders{0}, overlaps{0}, pending{0};
-        void work() {
-            ++inCallback;
-            if (holders != 0) ++overlaps;
-            std::this_thread::yield();
-            --inCallback, --pending;
-        }
-    } busy;
+    std::atomic<int> inCallback{0}, holders{0}, overlaps{0}, pending{0};
+    Rec busy(&sinkTrace, "");
+    busy.hook = [&] {
+        if (inCallback++ != 0 || holders != 0) ++overlaps;
+        std::this_thread::yield();
+        --inCallback, --pending;
+    };
     Queue q;
     Processor p(q);
     std::atomic<bool> stop{false};
     std::thread feeder([&] {
         for (; !stop; std::this_thread::yield())  // a short queue, so that holds come quickly
-            if (busy.pending < 64) ++busy.pending, q.enqueue(FUNC(&Busy::work), &busy);
+            if (pending < 64) ++pending, q.enqueue(FUNC(&Rec::hit), &busy);
     });
     auto locker = [&] {
         for (int i = 0; i < 300; ++i) {
             q.lock();
-            if (busy.holders++ != 0) ++busy.overlaps;
+            if (holders++ != 0) ++overlaps;
             for (int k = 0; k < 20; ++k, std::this_thread::yield())
-                if (busy.inCallback != 0) ++busy.overlaps;
-            --busy.holders;
+                if (inCallback != 0) ++overlaps;
+            --holders;
             q.unlock();
         }
     };
@@ -318,7 +319,7 @@ TEST_F(Dispatch, TwoLockersExcludeEachOtherAndTheCallbacks) {
     stop = true;
     feeder.join();
     drain(q);
-    EXPECT_EQ(busy.overlaps, 0);
+    EXPECT_EQ(overlaps, 0);
 }
 
 // A callback or timer callback that throws gives its node back and leaves
@@ -362,14 +363,9 @@ TEST(DispatchTime, EqualDeadlinesFireInArmingOrder) {
 using DispatchAlloc = Dispatch;
 
 namespace {
-struct CountingLoop : public Loop {
-    void procSubMsg(const Evt& e) override { delivered += e.sig; }
-    std::atomic<long> delivered{0};
-};
-
 // One burst of every kind of work, queued during a hold so that the peak is
 // the same on every round.
-void burst(Queue& q, CountingLoop& loop, Timer& timer, Rec& c, Rec& n) {
+void burst(Queue& q, RecLoop& loop, Timer& timer, Rec& c, Rec& n) {
     long target = loop.delivered + 16;
     q.lock();
     for (int i = 0; i < 8; ++i) q.enqueue(FUNC(&Rec::hit), &c);
@@ -388,8 +384,7 @@ void burst(Queue& q, CountingLoop& loop, Timer& timer, Rec& c, Rec& n) {
 TEST_F(DispatchAlloc, SteadyStateTouchesNoHeap) {
     hooks::counting = true;
     Queue q;
-    CountingLoop loop;
-    loop.setQueue(&q);
+    RecLoop loop(nullptr, &q);
     Rec c(&trace, ""), n(&trace, "");
     Tick tc(&trace, "", &q);
     std::thread t([&] { loop.exec(); });
