@@ -55,12 +55,9 @@ TEST(SimpleThread, RunsFramedByStartupAndCleanupOnANamedThreadAndJoins) {
     EXPECT_FALSE(t.setPriority(100000));  // outside every SCHED_FIFO range
     gate.open();
     EXPECT_TRUE(t.join());
-    EXPECT_FALSE(t.isRunning());
-    EXPECT_EQ(t.runs.load(), 1);
     EXPECT_EQ(t.calls, (std::vector<std::string>{"startup", "run", "cleanup"}));
     EXPECT_EQ(t.nameInRun.rfind("kel-thr-", 0), 0u) << t.nameInRun;
     EXPECT_EQ(t.selfInRun, t.id());
-    EXPECT_NE(t.id(), SimpleThread::selfId());
     EXPECT_EQ(cap.countContaining("went out of scope"), 0);
     EXPECT_TRUE(noStrayThread());
 }
