@@ -9,7 +9,9 @@ incrementally, runs ctest (without the soak cases) and restores the file.
   killed          a test failed (or timed out, marked so): the suite caught
                   the fault
   survived        every test passed: a missing test or an equivalent mutant
-  build-failed    the mutant does not compile; not counted either way
+  build-failed    the mutant does not compile; not counted either way (a
+                  test binary that fails to list its cases at build time
+                  counts as killed)
   not-found       the original text is no longer in the file (the library
                   changed under the mutant); not counted either way
 
@@ -271,8 +273,16 @@ def main():
                 f.write(text.replace(orig, repl))
             with open(log, "a") as f:
                 f.write("\n===== mutant %s (%s)\n" % (name, path))
+            mark = os.path.getsize(log)
             if sh(build_cmd, src, log) != 0:
-                status, by = "build-failed", ""
+                # Test binaries list their cases at build time: one that
+                # cannot (it hangs or dies before main) is caught, not broken.
+                with open(log) as f:
+                    f.seek(mark)
+                    out = f.read()
+                m = "Error running test executable" in out and re.search(
+                    r"\[tests/CMakeFiles/(\S+)\.dir/build\.make:\d+: tests/\S+\] Error", out)
+                status, by = ("killed", m.group(1) + " (listing its cases)") if m else ("build-failed", "")
             else:
                 rc, by = run_suite(ctest, build, log)
                 status, by = ("killed", by) if rc != 0 else ("survived", "")
