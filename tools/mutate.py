@@ -9,7 +9,9 @@ incrementally, runs ctest (without the soak cases) and restores the file.
   killed          a test failed (or timed out, marked so): the suite caught
                   the fault
   survived        every test passed: a missing test or an equivalent mutant
-  build-failed    the mutant does not compile; not counted either way
+  build-failed    the mutant does not compile; not counted either way (a
+                  test binary that fails to list its cases at build time
+                  counts as killed)
   not-found       the original text is no longer in the file (the library
                   changed under the mutant); not counted either way
 
@@ -42,7 +44,10 @@ MUTANTS = [
      "if (level < _g_level.load(std::memory_order_relaxed)) return;",
      "if (level <= _g_level.load(std::memory_order_relaxed)) return;"),
     ("log-conf-value", "log/msg_logger.cpp",
-     "kellog::kel_log_set_level(atoi(p + 1));", "kellog::kel_log_set_level(atoi(p));"),
+     "setLevelFrom(\"level=\", p + 1);", "setLevelFrom(\"level=\", p);"),
+    ("log-zero-pad-precision", "log/msg_logger.cpp",
+     "if (sp.zero && !sp.left && sp.prec < 0 && sp.width > len)",
+     "if (sp.zero && !sp.left && sp.width > len)"),
     # events/kel_evt_pool_queue.cpp
     ("pool-get-margin", "events/kel_evt_pool_queue.cpp",
      "if (nFree > margin) {\n        QFreeBlock*", "if (nFree >= margin) {\n        QFreeBlock*"),
@@ -54,8 +59,13 @@ MUTANTS = [
     ("queue-head-wrap", "events/kel_evt_pool_queue.cpp",
      "if (head == 0) head = m_end;", "if (head == 0) head = m_end - 1;"),
     ("queue-lifo-victim", "events/kel_evt_pool_queue.cpp",
-     "QEQueueCtr head = m_head.load(std::memory_order_relaxed) + 1;",
-     "QEQueueCtr head = m_head.load(std::memory_order_relaxed);"),
+     "for (QEQueueCtr k = entries; k-- > 0;) {", "for (QEQueueCtr k = 0; k < entries; ++k) {"),
+    ("queue-lifo-victim-command", "events/kel_evt_pool_queue.cpp",
+     "        if (victim->sig <= SIG_INNER_PROC) continue;\n", ""),
+    ("queue-post-after-end", "events/kel_evt_pool_queue.cpp",
+     "        if (closedLocked()) return false;\n        QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);\n"
+     "        if (nFree > margin) {",
+     "        QEQueueCtr nFree = m_nFree.load(std::memory_order_relaxed);\n        if (nFree > margin) {"),
     ("queue-get-ring-bound", "events/kel_evt_pool_queue.cpp",
      "if (nFree <= m_end) {", "if (nFree < m_end) {"),
     ("queue-post-margin", "events/kel_evt_pool_queue.cpp",
@@ -67,19 +77,28 @@ MUTANTS = [
     ("newref-no-count", "events/kel_port.cpp",
      "if (e->poolId_ != 0) ++const_cast<QEvt*>(e)->refCtr_;", ""),
     ("newx-stale-ref", "events/kel_port.cpp", "        e->refCtr_ = 0;\n", ""),
+    ("spare-mutex-no-recheck", "events/kel_port.cpp",
+     "        if (!_g_alive.v.load(std::memory_order_seq_cst)) {\n            // Holders",
+     "        {\n            // Holders"),
+    ("signal-pending-inverted", "events/kel_port.cpp",
+     "if (!_g_sleeping.v.exchange(false, std::memory_order_seq_cst)) return;",
+     "if (_g_sleeping.v.exchange(false, std::memory_order_seq_cst)) return;"),
     # events/kel_timer.cpp, app_timer.cpp
     ("timer-tie-first", "events/kel_timer.cpp",
-     "if (before(timer->time, tmp->time)) break;", "if (!before(tmp->time, timer->time)) break;"),
+     "return before(armed.time, listed.time);", "return !before(listed.time, armed.time);"),
     ("timer-restart-once", "events/kel_timer.cpp",
      "if (proc->isRepeat() || proc->isReStart()) {", "if (proc->isRepeat()) {"),
     ("timer-node-not-freed", "events/kel_timer.cpp",
-     "                proc->setRunning(false);\n                Kel::gc(timeout);",
-     "                proc->setRunning(false);"),
+     "            proc->setRunning(false);\n            Kel::gc(timeout);",
+     "            proc->setRunning(false);"),
+    ("timer-pending-not-joined", "events/kel_timer.cpp",
+     "        while (!t->pending.isEmpty()) {\n            NodeTimer* n = t->pending.next;\n"
+     "            n->del();\n            t->insert(n);\n        }\n", ""),
     ("timer-cancel-keeps-node", "events/kel_timer.cpp",
-     "    removeFirstOf(proc);\n    // A firing", "    // A firing"),
-    ("atimer-restart-order", "events/app_timer.cpp",
-     "    _timer->removeOldTimer(dispTimer);\n    _timer->addTimer(dispTimer);",
-     "    _timer->addTimer(dispTimer);\n    _timer->removeOldTimer(dispTimer);"),
+     "    takeOff(proc);\n    // A firing", "    // A firing"),
+    ("atimer-restart-order", "events/kel_timer.cpp",
+     "    takeOff(timer->proc, timer);\n    _addTimer(timer);",
+     "    _addTimer(timer);\n    takeOff(timer->proc, timer);"),
     ("atimer-exec-stopped", "events/app_timer.cpp",
      "if (isRunning() && mHandler != nullptr)", "if (mHandler != nullptr)"),
     # events/kel_loop.cpp
@@ -88,12 +107,16 @@ MUTANTS = [
      "    if (!isLooping()) Kel::signal();\n",
      "    bool ret = queue->post(e, 0);\n"),
     ("loop-refused-cmd-kept", "events/kel_loop.cpp", "if (!ret) Kel::gc(e);", ""),
-    ("loop-state-fifo", "events/kel_loop.cpp", "        postLIFO(e);\n    }\n}", "        post(e);\n    }\n}"),
+    ("loop-state-fifo", "events/kel_loop.cpp",
+     "    bool posted = queue->postLIFO(batch + first, n);",
+     "    bool posted = true;\n"
+     "    for (uint_fast16_t i = 0; i < n; ++i) posted = queue->post(batch[first + i], 0) && posted;"),
     ("loop-timer-no-ref", "events/kel_loop.cpp",
      "            Kel::newRef_(evt);  // the list keeps the node after this turn's gc\n", ""),
     ("loop-recycle-skipped", "events/kel_loop.cpp",
      "void KelLoop::recycleEvent(const QEvt* evt) { Kel::gc(evt); }",
      "void KelLoop::recycleEvent(const QEvt* evt) { static_cast<void>(evt); }"),
+    ("signal-user-value", "events/kel_signal.cpp", "                e->lParam = r.value;\n", ""),
     # events/state_list.cpp, state_mache.cpp, kel_state.cpp
     ("statelist-dedupe-last", "events/state_list.cpp",
      "for (int i = 0; i < ref; ++i) {", "for (int i = 0; i < ref - 1; ++i) {"),
@@ -115,8 +138,10 @@ MUTANTS = [
     ("set-bit-shift", "events/kel_set.cpp", "uint32_t{1} << (n - 1)", "uint32_t{1} << (n & 31)"),
     ("set-remove-toggles", "events/kel_set.cpp", "m_bits & ~bitOf(n)", "m_bits ^ bitOf(n)"),
     # events/kel_dispatch.cpp
-    ("work-no-start", "events/kel_dispatch.cpp", "if (wasEmpty) DaemonThread::start();",
-     "static_cast<void>(wasEmpty);"),
+    ("work-no-start", "events/kel_dispatch.cpp", "    if (wasEmpty || mStartOwed) startPass();",
+     "    static_cast<void>(wasEmpty);\n    if (mStartOwed) startPass();"),
+    ("work-owed-start-dropped", "events/kel_dispatch.cpp", "if (wasEmpty || mStartOwed) startPass();",
+     "if (wasEmpty) startPass();"),
     ("work-tail-stale", "events/kel_dispatch.cpp", "if (head == nullptr) tail = &head;", ""),
     ("work-unref-leak", "events/kel_dispatch.cpp", "return --mRefs <= 0;", "return --mRefs < 0;"),
     ("rendezvous-one-way", "events/kel_dispatch.cpp", "            *other->value = value;\n", ""),
@@ -140,22 +165,27 @@ MUTANTS = [
      "T dec() { return __atomic_sub_fetch(&value, 1, __ATOMIC_SEQ_CST); }",
      "T dec() { return __atomic_fetch_sub(&value, 1, __ATOMIC_SEQ_CST); }"),
     ("assert-text-path", "events/common_log.cpp", "basename(path), line", "file, line"),
-    # events/dispatch_process.cpp
-    ("dq-timer-tie-first", "events/dispatch_process.cpp",
-     "while (p != nullptr && p->tiggerTime <= item->tiggerTime) {",
-     "while (p != nullptr && p->tiggerTime < item->tiggerTime) {"),
+    # events/dispatch_*.{h,cpp}
+    ("dq-timer-tie-first", "events/dispatch_private.h",
+     "return listed.tiggerTime <= armed.tiggerTime;", "return listed.tiggerTime < armed.tiggerTime;"),
+    ("dq-firing-head-passed", "events/dispatch_timer.cpp",
+     "    if (timerProc && p != nullptr) {\n        prev = p;\n        p = nextTimer(p);\n    }\n"
+     "    while (p != nullptr && firesBefore",
+     "    while (p != nullptr && firesBefore"),
     ("dq-cancel-no-recycle", "events/dispatch_process.cpp",
      "            if (p->asynchronous) {\n                recycle(p);\n", "            if (p->asynchronous) {\n"),
-    ("dq-autofree-leak", "events/dispatch_process.cpp", "if (item->delobject) delete item->fn_data;", ""),
+    ("dq-autofree-leak", "events/dispatch_process.cpp",
+     "            delete item->fn_data;\n            recycle(item);", "            recycle(item);"),
     ("dq-merge-any-data", "events/dispatch_process.cpp",
      "if (p->mergeable && p->fn == fn && p->fn_data == fn_data) return;",
      "if (p->mergeable && p->fn == fn) return;"),
-    ("dq-cache-count", "events/dispatch_process.cpp",
-     "cache.count.store(cache.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);",
-     "cache.count.store(cache.count.load(std::memory_order_relaxed), std::memory_order_relaxed);"),
+    ("dq-cache-count", "events/dispatch_nodes.cpp", "            ++mCount;\n", ""),
+    ("nodes-no-reuse", "events/dispatch_nodes.cpp", "        if (mPools.empty()) {\n            Node blank;",
+     "        {\n            Node blank;"),
+    ("nodes-recycle-wrong-count", "events/dispatch_nodes.cpp", "        --mUsed;\n", "        --mCount;\n"),
     ("dq-loop-recycle-skipped", "events/dispatch_process.cpp",
-     "            pthread_mutex_lock(&d->lock);\n            d->recycle(item);\n",
-     "            pthread_mutex_lock(&d->lock);\n"),
+     "                procSubMsg(item->evt);\n            }\n            d->recycle(item);\n",
+     "                procSubMsg(item->evt);\n            }\n"),
 ]
 
 
@@ -243,8 +273,16 @@ def main():
                 f.write(text.replace(orig, repl))
             with open(log, "a") as f:
                 f.write("\n===== mutant %s (%s)\n" % (name, path))
+            mark = os.path.getsize(log)
             if sh(build_cmd, src, log) != 0:
-                status, by = "build-failed", ""
+                # Test binaries list their cases at build time: one that
+                # cannot (it hangs or dies before main) is caught, not broken.
+                with open(log) as f:
+                    f.seek(mark)
+                    out = f.read()
+                m = "Error running test executable" in out and re.search(
+                    r"\[tests/CMakeFiles/(\S+)\.dir/build\.make:\d+: tests/\S+\] Error", out)
+                status, by = ("killed", m.group(1) + " (listing its cases)") if m else ("build-failed", "")
             else:
                 rc, by = run_suite(ctest, build, log)
                 status, by = ("killed", by) if rc != 0 else ("survived", "")
