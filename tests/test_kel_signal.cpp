@@ -43,8 +43,7 @@ std::string pidText(const char* fmt) {
 
 struct Switches {
     unsigned defLevel;
-    bool handlers;
-    bool logging;
+    bool handlers, logging;
 };
 
 class InitAll : public ::testing::TestWithParam<Switches> {};
@@ -90,8 +89,8 @@ class RecLoop : public KelLoop {
 public:
     RecLoop() : KelLoop(64) {}
 
-    void poweroff() override { note("poweroff", poweroffs); }
-    void interrupt() override { note("interrupt", interrupts); }
+    void poweroff() override { order.push_back("poweroff"); }
+    void interrupt() override { order.push_back("interrupt"); }
     bool broadcast(int w, int l) override {
         broadcasts.fetch_add(1);
         if (w != static_cast<int>(getpid())) foreignSenders.fetch_add(1);
@@ -106,17 +105,11 @@ public:
         if (msg == stopOnMessage) exitLoop();
     }
 
-    std::atomic<int> poweroffs{0}, interrupts{0}, loopTid{0};
+    std::atomic<int> loopTid{0};
     std::atomic<long> broadcasts{0}, foreignSenders{0}, received{0};
     bool recordOrder = true;
     long stopOnMessage = -1;
     std::vector<std::string> order;
-
-private:
-    void note(const char* what, std::atomic<int>& n) {
-        n.fetch_add(1);
-        order.push_back(what);
-    }
 };
 
 bool postApp(long msg) {
