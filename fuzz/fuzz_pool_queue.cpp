@@ -80,7 +80,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         switch (op % 8) {
             case 0: {  // allocate from the first pool with blocks big enough
                 if (m.holds.size() >= 64) break;
-                unsigned sz = (arg & 2) ? sizeof(StateQEvt) + 8 : (arg & 1) ? sizeof(StateQEvt) : sizeof(GeneralQEvt);
+                unsigned sz = (arg & 2)   ? sizeof(StateQEvt) + 8
+                              : (arg & 1) ? sizeof(StateQEvt)
+                                          : sizeof(GeneralQEvt);
                 int idx = -1;
                 for (unsigned i = 0; i < m.nFree.size() && idx < 0; ++i)
                     if (Kel::Kel_pool_[i]->getBlockSize() >= sz && m.nFree[i] > 0) idx = static_cast<int>(i);
@@ -118,8 +120,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (fresh) m.forget(held);
                 break;
             case 3:
-                if (const QEvt* e = q.get()) m.take(e);
-                else FUZZ_CHECK(m.queue.empty());
+                if (const QEvt* e = q.get())
+                    m.take(e);
+                else
+                    FUZZ_CHECK(m.queue.empty());
                 break;
             case 4:  // one more reference
                 if (!postable || fresh) break;

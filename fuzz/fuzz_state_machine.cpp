@@ -105,8 +105,10 @@ struct Model {
     }
     void push(int st) {  // the initial state clears the history
         hist.erase(std::remove(hist.begin(), hist.end(), st), hist.end());
-        if (st == kInit) hist.clear();
-        else hist.push_back(st);
+        if (st == kInit)
+            hist.clear();
+        else
+            hist.push_back(st);
     }
     int entry(int st) { return calls.add('N', st), answers.entryOrExit(); }
     int exit(int st) { return calls.add('X', st), answers.entryOrExit(); }

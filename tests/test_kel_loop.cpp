@@ -62,7 +62,9 @@ void count(ATimer*, void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1); 
 // A machine of one state that records the messages it translates; it
 // starts with 5, 7 and 9 held back.
 struct RecState : KelState {
-    int translate(const StateQEvt* e) override { return msgs.push_back(e->stateMsg), state::STATE_RETURN_NORMAL; }
+    int translate(const StateQEvt* e) override {
+        return msgs.push_back(e->stateMsg), state::STATE_RETURN_NORMAL;
+    }
     std::vector<long> msgs;
 };
 struct HoldingMache : StateMache {

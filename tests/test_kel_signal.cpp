@@ -171,7 +171,8 @@ TEST_P(UserSignal, ValueOvertakesQueuedEvents) {
     sigval v;
     v.sival_int = 1234;
     ASSERT_EQ(sigqueue(getpid(), GetParam(), v), 0);
-    ASSERT_TRUE(waitUntil([&] { return rec->eventQueue()->getNFree() != before; }));  // posted by the signal thread
+    ASSERT_TRUE(
+        waitUntil([&] { return rec->eventQueue()->getNFree() != before; }));  // posted by the signal thread
     rec->stopOnMessage = 3;
     EXPECT_EQ(rec->execLoop(), 0);
     std::string bc = "broadcast " + std::to_string(getpid()) + " 1234";
@@ -328,7 +329,8 @@ TEST_F(SignalLoop, StormOfUserSignalsWhileThreadsPost) {
             }
         });
     }
-    ASSERT_TRUE(waitUntil([&] { return rec->loopTid.load() && posterTids[0].load() && posterTids[1].load(); }));
+    ASSERT_TRUE(
+        waitUntil([&] { return rec->loopTid.load() && posterTids[0].load() && posterTids[1].load(); }));
     std::vector<pthread_t> targets = {looper.native_handle(), posters[0].native_handle(),
                                       posters[1].native_handle()};
     std::vector<int> targetTids = {rec->loopTid.load(), posterTids[0].load(), posterTids[1].load()};
@@ -336,11 +338,13 @@ TEST_F(SignalLoop, StormOfUserSignalsWhileThreadsPost) {
     // Aimed at the threads that allocate, post and release, so that the
     // handler interrupts them inside the event core.
     for (int i = 0; i < kSignals; ++i) pthread_kill(targets[i % targets.size()], SIGUSR1);
-    waitUntil([&] {
-        for (int tid : targetTids)
-            if (usr1Pending(tid)) return false;
-        return gEntered.load() == gLeft.load();
-    }, 120);
+    waitUntil(
+        [&] {
+            for (int tid : targetTids)
+                if (usr1Pending(tid)) return false;
+            return gEntered.load() == gLeft.load();
+        },
+        120);
     stopPosting.store(true);
     for (auto& t : posters) t.join();
 

@@ -76,7 +76,8 @@ TEST(MsgLogger, InitTakesTheLevelFromFileOrEnvironment) {
     kellog::kel_log_init(path, "logtest");
     unlink(path);
     EXPECT_EQ(kellog::kel_log_get_level(), LOG_ERROR);
-    for (auto [text, level] : {std::pair<const char*, int>{"debug", LOG_DEBUG}, {"WARN", LOG_WARN}, {"30", 30}}) {
+    for (auto [text, level] :
+         {std::pair<const char*, int>{"debug", LOG_DEBUG}, {"WARN", LOG_WARN}, {"30", 30}}) {
         setenv("KEL_LOG_LEVEL", text, 1);
         kellog::kel_log_init(nullptr, "logtest");
         EXPECT_EQ(kellog::kel_log_get_level(), level) << text;
@@ -126,8 +127,8 @@ void expectLikePrintf(const char* fmt, A... a) {
 TEST(MsgLogger, FormatsLikePrintf) {
     kellog::kel_log_set_level(LOG_DUMP);
     void* p = &gPipes;
-    expectLikePrintf("%d|%i|%u|%d %ld %lu %lld %llu", -42, 7, 4000000000u, INT_MIN, LONG_MIN, ULONG_MAX, LLONG_MIN,
-                     ULLONG_MAX);
+    expectLikePrintf("%d|%i|%u|%d %ld %lu %lld %llu", -42, 7, 4000000000u, INT_MIN, LONG_MIN, ULONG_MAX,
+                     LLONG_MIN, ULLONG_MAX);
     expectLikePrintf("%x %lx %X %#x %o|%p|%p|%12p", 0xbeefu, 0xdeadbeefUL, 0xabu, 0x1fu, 8u, p, nullptr, p);
     expectLikePrintf("[%s] [%c] 100%% [%.3s|%8s|%-4s]", "text", 'z', "abcdef", "r", "l");
     expectLikePrintf("%02ld:%03ld|%5d|%-5d|%05d|%+d|% d|%.4d|%*d", 7L, 42L, -3, 12, -12, 5, 5, 9, 4, 1);

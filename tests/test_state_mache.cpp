@@ -91,7 +91,9 @@ TEST_P(TransitionTest, CallsAndHistory) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, TransitionTest, ::testing::ValuesIn(kTransitions),
-                         [](const ::testing::TestParamInfo<Transition>& i) { return std::string(i.param.name); });
+                         [](const ::testing::TestParamInfo<Transition>& i) {
+                             return std::string(i.param.name);
+                         });
 
 // A state without translate asserts, and the failure frees the machine's
 // mutex for another thread.
