@@ -55,36 +55,20 @@ Answers gRealAnswers;
 Calls gRealCalls;
 uint32_t gEventMask = 0;  // test_event: which stateMsg values are replayed
 
-class FuzzState : public KelState {
-public:
+struct FuzzState : KelState {
     explicit FuzzState(int id) : mId(id) {}
-    int translate(const StateQEvt* e) override {
-        gRealCalls.add('T', mId);
-        return translateResult(e);
-    }
-    int entry(const StateQEvt*) override {
-        gRealCalls.add('N', mId);
-        return gRealAnswers.entryOrExit();
-    }
-    int exit(const StateQEvt*) override {
-        gRealCalls.add('X', mId);
-        return gRealAnswers.entryOrExit();
-    }
-
-private:
+    int translate(const StateQEvt* e) override { return gRealCalls.add('T', mId), translateResult(e); }
+    int entry(const StateQEvt*) override { return gRealCalls.add('N', mId), gRealAnswers.entryOrExit(); }
+    int exit(const StateQEvt*) override { return gRealCalls.add('X', mId), gRealAnswers.entryOrExit(); }
     int mId;
 };
 
-class FuzzMache : public StateMache {
-public:
+struct FuzzMache : StateMache {
     FuzzMache() : StateMache(kStates, kInit) {
         for (int i = 0; i < kStates; ++i) registStates(new FuzzState(i), "s", 0);
     }
     bool test_event(int msg) override { return (gEventMask >> (msg & 31)) & 1; }
-    bool test_state(int st) override {
-        gRealCalls.add('S', st);
-        return gRealAnswers.testState();
-    }
+    bool test_state(int st) override { return gRealCalls.add('S', st), gRealAnswers.testState(); }
 };
 
 // ------------------------------------------------------------------ model

@@ -320,13 +320,8 @@ TEST_F(SignalLoop, StormOfUserSignalsWhileThreadsPost) {
     for (int p = 0; p < 2; ++p) {
         posters.emplace_back([&, p] {
             posterTids[p].store(currentTid());
-            for (long i = 0; !stopPosting.load(); ++i) {
-                if (postApp(i)) {
-                    posted.fetch_add(1);
-                } else {
-                    std::this_thread::yield();
-                }
-            }
+            for (long i = 0; !stopPosting.load(); ++i)
+                postApp(i) ? void(posted.fetch_add(1)) : std::this_thread::yield();
         });
     }
     ASSERT_TRUE(
