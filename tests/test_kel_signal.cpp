@@ -46,6 +46,8 @@ struct Switches {
     bool handlers, logging;
 };
 
+void PrintTo(const Switches& s, std::ostream* os) { *os << std::hex << "0x" << s.defLevel; }
+
 class InitAll : public ::testing::TestWithParam<Switches> {};
 
 void expectHandlerState(bool installed) {

@@ -26,6 +26,7 @@ struct Transition {
     const char* history;
 };
 constexpr int kDefault = -2;
+void PrintTo(const Transition& t, std::ostream* os) { *os << t.name; }
 
 std::vector<std::string> words(const char* text) {
     std::istringstream in(text);
