@@ -295,7 +295,7 @@ TEST_F(LoopTest, StressProducersFromOtherThreads) {
         });
     }
     for (auto& t : threads) t.join();
-    l->exitLoop();
+    while (!l->postCmd(SIG_EVENT_LOOP_EXIT)) std::this_thread::yield();  // exitLoop is lost on a full queue
     EXPECT_EQ(runner.join(), 0);
     EXPECT_EQ(errors, 0);
     EXPECT_EQ(next, sent);
