@@ -17,25 +17,16 @@
 
 namespace {
 
-constexpr int kRing = 3;  // the queue holds kRing + 1 events
-
-struct PoolModel {
-    KelPool* pool;
-    unsigned blockSize;
-    unsigned nFree;
-};
+constexpr unsigned kRing = 3;  // the queue holds kRing + 1 events
 
 struct Model {
-    std::vector<PoolModel> pools;
+    std::vector<unsigned> nFree;  // per pool
     std::deque<const QEvt*> queue;
-    std::map<const QEvt*, int> refs;    // live pool events
-    std::map<const QEvt*, int> poolOf;  // their pool's index (a freed block's header is gone)
-    std::vector<QEvt*> holds;           // references held by the fuzzer
+    std::map<const QEvt*, int> refs, poolOf;  // live pool events: count, pool (a freed header is gone)
+    std::vector<QEvt*> holds;                 // references held by the fuzzer
 
     unsigned queueFree() const { return kRing + 1 - static_cast<unsigned>(queue.size()); }
-
-    // A LIFO post of `e`; a full queue drops its newest entry.
-    void lifo(const QEvt* e) {
+    void lifo(const QEvt* e) {  // a full queue drops its newest entry
         bool full = queueFree() == 0;
         queue.push_front(e);
         if (!full) return;
@@ -44,85 +35,74 @@ struct Model {
         if (refs.count(victim)) release(victim);
     }
     void forget(QEvt* e) { holds.erase(std::find(holds.begin(), holds.end(), e)); }
-
     void release(const QEvt* e) {
-        int& r = refs[e];
-        if (r > 1) {
-            --r;
-            return;
-        }
-        pools[poolOf[e]].nFree++;
+        if (--refs[e] > 0) return;
+        nFree[poolOf[e]]++;
         refs.erase(e);
         poolOf.erase(e);
+    }
+    void take(const QEvt* e) {  // the front event, as get handed it out
+        FUZZ_CHECK(!queue.empty() && e == queue.front());
+        queue.pop_front();
+        if (e->poolId_ != 0) holds.push_back(const_cast<QEvt*>(e));
     }
 };
 
 KelLoop* gLoop = nullptr;
 QEvt gStatic[2];  // records from no pool
 
-void setUp() {
-    __logprintf = fuzz::quietLog;
-    KelLoop::init_all(0x3000000, "fuzz", nullptr);
-    gLoop = new KelLoop(4);
-    for (QEvt& e : gStatic) e.sig = 100;
-}
-
 void checkPools(const Model& m) {
-    for (const PoolModel& p : m.pools) FUZZ_CHECK(p.pool->getNFree() == p.nFree);
+    for (unsigned i = 0; i < Kel::Kel_maxPool_; ++i) FUZZ_CHECK(Kel::Kel_pool_[i]->getNFree() == m.nFree[i]);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (gLoop == nullptr) setUp();
+    if (gLoop == nullptr) {
+        __logprintf = fuzz::quietLog;
+        KelLoop::init_all(0x3000000, "fuzz", nullptr);
+        gLoop = new KelLoop(4);
+        for (QEvt& e : gStatic) e.sig = 100;
+    }
     fuzz::Input in(data, size);
     Model m;
-    for (unsigned i = 0; i < Kel::Kel_maxPool_; ++i) {
-        KelPool* p = Kel::Kel_pool_[i];
-        m.pools.push_back({p, p->getBlockSize(), p->getNFree()});
-        FUZZ_CHECK(p->getNFree() == p->getNTot());
-    }
+    for (unsigned i = 0; i < Kel::Kel_maxPool_; ++i) m.nFree.push_back(Kel::Kel_pool_[i]->getNTot());
+    checkPools(m);
     const QEvt* ring[kRing];
     KelQueue q;
     q.init(ring, kRing);
 
     while (in.more()) {
-        uint8_t op = in.byte();
-        uint8_t arg = in.byte();
+        uint8_t op = in.byte(), arg = in.byte();
         QEvt* held = m.holds.empty() ? nullptr : m.holds[arg % m.holds.size()];
         bool fresh = held != nullptr && m.refs.count(held) && m.refs[held] == 0;
+        bool postable = held != nullptr && m.refs[held] <= 200;
         switch (op % 8) {
-            case 0: {  // allocate
+            case 0: {  // allocate from the first pool with blocks big enough
                 if (m.holds.size() >= 64) break;
-                unsigned sz = (arg & 1) ? sizeof(StateQEvt) : sizeof(GeneralQEvt);
-                if (arg & 2) sz = sizeof(StateQEvt) + 8;  // larger than any block
+                unsigned sz = (arg & 2)   ? sizeof(StateQEvt) + 8
+                              : (arg & 1) ? sizeof(StateQEvt)
+                                          : sizeof(GeneralQEvt);
                 int idx = -1;
-                for (size_t i = 0; i < m.pools.size(); ++i) {
-                    if (m.pools[i].blockSize >= sz && m.pools[i].nFree > 0) {
-                        idx = static_cast<int>(i);
-                        break;
-                    }
-                }
+                for (unsigned i = 0; i < m.nFree.size() && idx < 0; ++i)
+                    if (Kel::Kel_pool_[i]->getBlockSize() >= sz && m.nFree[i] > 0) idx = static_cast<int>(i);
                 QEvt* e = Kel::newX_(200 + arg, sz);
                 if (idx < 0) {
-                    FUZZ_CHECK(e == nullptr);
-                    FUZZ_CHECK(fuzz::lastLineIs("not free blocks"));
+                    FUZZ_CHECK(e == nullptr && fuzz::lastLineIs("not free blocks"));
                     break;
                 }
-                FUZZ_CHECK(e != nullptr);
-                FUZZ_CHECK(e->poolId_ == idx + 1 && e->refCtr_ == 0 && e->sig == 200 + arg);
-                m.pools[idx].nFree--;
+                FUZZ_CHECK(e != nullptr && e->poolId_ == idx + 1 && e->refCtr_ == 0 && e->sig == 200 + arg);
+                m.nFree[idx]--;
                 m.refs[e] = 0;
                 m.poolOf[e] = idx;
                 m.holds.push_back(e);
                 break;
             }
             case 1: {  // post at a margin
-                if (held == nullptr || m.refs[held] > 200) break;
+                if (!postable) break;
                 unsigned margin = (arg >> 4) % 3;
-                bool want = m.queueFree() > margin;
                 bool got = q.post(held, margin);
-                FUZZ_CHECK(got == want);
+                FUZZ_CHECK(got == (m.queueFree() > margin));
                 if (!got) {
                     FUZZ_CHECK(fuzz::lastLineIs("event not posted"));
                     break;
@@ -133,37 +113,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             }
             case 2:  // post ahead of everything
-                if (held == nullptr || m.refs[held] > 200) break;
+                if (!postable) break;
                 q.postLIFO(held);
                 m.refs[held]++;
                 m.lifo(held);
                 if (fresh) m.forget(held);
                 break;
-            case 3: {  // take the front event
-                const QEvt* e = q.get();
-                if (m.queue.empty()) {
-                    FUZZ_CHECK(e == nullptr);
-                    break;
-                }
-                FUZZ_CHECK(e == m.queue.front());
-                m.queue.pop_front();
-                if (e->poolId_ != 0) m.holds.push_back(const_cast<QEvt*>(e));
+            case 3:
+                if (const QEvt* e = q.get())
+                    m.take(e);
+                else
+                    FUZZ_CHECK(m.queue.empty());
                 break;
-            }
-            case 4: {  // one more reference
-                if (held == nullptr || fresh || m.refs[held] > 200) break;
+            case 4:  // one more reference
+                if (!postable || fresh) break;
                 FUZZ_CHECK(Kel::newRef_(held) == held);
                 m.refs[held]++;
                 m.holds.push_back(held);
                 break;
-            }
-            case 5: {  // release one reference
+            case 5:  // release one reference
                 if (held == nullptr) break;
                 m.forget(held);
                 m.release(held);
                 Kel::gc(held);
                 break;
-            }
             case 6: {  // a record from no pool keeps its count
                 QEvt* e = &gStatic[arg & 1];
                 if (arg & 2) {
@@ -182,16 +155,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
         }
         checkPools(m);
-        FUZZ_CHECK(q.getNFree() == m.queueFree());
-        FUZZ_CHECK(q.isEmpty() == m.queue.empty());
+        FUZZ_CHECK(q.getNFree() == m.queueFree() && q.isEmpty() == m.queue.empty());
     }
 
     // Drain and release everything: every pool is full again.
-    while (const QEvt* e = q.get()) {
-        FUZZ_CHECK(!m.queue.empty() && e == m.queue.front());
-        m.queue.pop_front();
-        if (e->poolId_ != 0) m.holds.push_back(const_cast<QEvt*>(e));
-    }
+    while (const QEvt* e = q.get()) m.take(e);
     FUZZ_CHECK(m.queue.empty());
     for (QEvt* e : m.holds) {
         m.release(e);
@@ -199,6 +167,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     checkPools(m);
     FUZZ_CHECK(m.refs.empty());
-    for (const PoolModel& p : m.pools) FUZZ_CHECK(p.pool->getNFree() == p.pool->getNTot());
+    for (unsigned i = 0; i < Kel::Kel_maxPool_; ++i) FUZZ_CHECK(m.nFree[i] == Kel::Kel_pool_[i]->getNTot());
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <algorithm>
 #include <deque>
 #include <string>
 #include <vector>
@@ -44,10 +45,7 @@ struct Answers {
 // exit, 'S' test_state, each with the state.
 struct Calls {
     std::string log;
-    void add(char what, int st) {
-        log += what;
-        log += static_cast<char>('0' + st);
-    }
+    void add(char what, int st) { log += {what, static_cast<char>('0' + st)}; }
 };
 
 // translate's result is carried by the event: msgId.
@@ -57,36 +55,20 @@ Answers gRealAnswers;
 Calls gRealCalls;
 uint32_t gEventMask = 0;  // test_event: which stateMsg values are replayed
 
-class FuzzState : public KelState {
-public:
+struct FuzzState : KelState {
     explicit FuzzState(int id) : mId(id) {}
-    int translate(const StateQEvt* e) override {
-        gRealCalls.add('T', mId);
-        return translateResult(e);
-    }
-    int entry(const StateQEvt*) override {
-        gRealCalls.add('N', mId);
-        return gRealAnswers.entryOrExit();
-    }
-    int exit(const StateQEvt*) override {
-        gRealCalls.add('X', mId);
-        return gRealAnswers.entryOrExit();
-    }
-
-private:
+    int translate(const StateQEvt* e) override { return gRealCalls.add('T', mId), translateResult(e); }
+    int entry(const StateQEvt*) override { return gRealCalls.add('N', mId), gRealAnswers.entryOrExit(); }
+    int exit(const StateQEvt*) override { return gRealCalls.add('X', mId), gRealAnswers.entryOrExit(); }
     int mId;
 };
 
-class FuzzMache : public StateMache {
-public:
+struct FuzzMache : StateMache {
     FuzzMache() : StateMache(kStates, kInit) {
         for (int i = 0; i < kStates; ++i) registStates(new FuzzState(i), "s", 0);
     }
     bool test_event(int msg) override { return (gEventMask >> (msg & 31)) & 1; }
-    bool test_state(int st) override {
-        gRealCalls.add('S', st);
-        return gRealAnswers.testState();
-    }
+    bool test_state(int st) override { return gRealCalls.add('S', st), gRealAnswers.testState(); }
 };
 
 // ------------------------------------------------------------------ model
@@ -101,23 +83,16 @@ struct Model {
     Calls calls;
 
     int pop() {
-        if (hist.empty()) return -1;
-        int st = hist.back();
-        hist.pop_back();
+        int st = hist.empty() ? -1 : hist.back();
+        if (st >= 0) hist.pop_back();
         return st;
     }
-    void push(int st) {
-        if (st == kInit) {
+    void push(int st) {  // the initial state clears the history
+        hist.erase(std::remove(hist.begin(), hist.end(), st), hist.end());
+        if (st == kInit)
             hist.clear();
-            return;
-        }
-        for (size_t i = 0; i < hist.size(); ++i) {
-            if (hist[i] == st) {
-                hist.erase(hist.begin() + static_cast<long>(i));
-                break;
-            }
-        }
-        hist.push_back(st);
+        else
+            hist.push_back(st);
     }
     int entry(int st) { return calls.add('N', st), answers.entryOrExit(); }
     int exit(int st) { return calls.add('X', st), answers.entryOrExit(); }
@@ -148,19 +123,12 @@ struct Model {
         }
     }
     void hold(const StateQEvt& e) {
-        for (StateQEvt& h : held) {
-            if (h.stateMsg == e.stateMsg) {
-                h = e;
-                return;
-            }
-        }
+        for (StateQEvt& h : held)
+            if (h.stateMsg == e.stateMsg) return void(h = e);
         if (held.size() < kHeld) held.push_back(e);
     }
     void proc(const StateQEvt& e) {
-        if (!isInit) {
-            hold(e);
-            return;
-        }
+        if (!isInit) return hold(e);
         calls.add('T', cur);
         int ret = translateResult(&e);
         if (ret >= 0) {
@@ -190,13 +158,6 @@ struct Model {
 KelLoop* gLoop = nullptr;
 FuzzMache* gMache = nullptr;
 
-void setUp() {
-    __logprintf = fuzz::quietLog;
-    KelLoop::init_all(0x3000000, "fuzz", nullptr);
-    gLoop = new KelLoop(16);
-    gMache = new FuzzMache;
-}
-
 void compare(const Model& m) {
     FUZZ_CHECK(gRealCalls.log == m.calls.log);
     FUZZ_CHECK(gMache->currentState() == m.cur);
@@ -222,7 +183,12 @@ void reset() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (gLoop == nullptr) setUp();
+    if (gLoop == nullptr) {
+        __logprintf = fuzz::quietLog;
+        KelLoop::init_all(0x3000000, "fuzz", nullptr);
+        gLoop = new KelLoop(16);
+        gMache = new FuzzMache;
+    }
     reset();
     fuzz::Input in(data, size);
     gEventMask = in.word();
@@ -230,8 +196,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Model m;
     long msgId = 0;
     while (in.more()) {
-        uint8_t op = in.byte();
-        uint8_t arg = in.byte();
+        uint8_t op = in.byte(), arg = in.byte();
         uint32_t seed = (static_cast<uint32_t>(op) << 8 | arg) + 1;
         gRealAnswers.s = m.answers.s = seed;
         gRealAnswers.refuseMask = m.answers.refuseMask = refuse;
@@ -256,9 +221,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 StateQEvt* q =
                     static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
                 FUZZ_CHECK(q != nullptr);
-                q->stateMsg = e.stateMsg;
-                q->msgId = e.msgId;
-                q->wParam = e.wParam;
+                q->stateMsg = e.stateMsg, q->msgId = e.msgId, q->wParam = e.wParam;
                 FUZZ_CHECK(gLoop->post(q));
                 m.queue.push_back(e);
                 break;

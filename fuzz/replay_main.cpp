@@ -6,6 +6,8 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -16,12 +18,9 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         DIR* d = opendir(argv[i]);
         while (dirent* ent = d ? readdir(d) : nullptr) {
-            std::string path = std::string(argv[i]) + "/" + ent->d_name;
-            FILE* f = ent->d_name[0] == '.' ? nullptr : fopen(path.c_str(), "rb");
-            if (f == nullptr) continue;
-            std::vector<uint8_t> data;
-            for (int c; (c = fgetc(f)) != EOF;) data.push_back(static_cast<uint8_t>(c));
-            fclose(f);
+            if (ent->d_name[0] == '.') continue;
+            std::ifstream f(std::string(argv[i]) + "/" + ent->d_name, std::ios::binary);
+            std::vector<uint8_t> data((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
             LLVMFuzzerTestOneInput(data.data(), data.size());
             ++inputs;
         }

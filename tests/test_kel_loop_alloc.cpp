@@ -18,8 +18,7 @@
 
 namespace {
 
-class CountingLoop : public KelLoop {
-public:
+struct CountingLoop : KelLoop {
     CountingLoop() : KelLoop(16) {}
     void procSubMsg(const QEvt*) override { dispatched.fetch_add(1, std::memory_order_release); }
     std::atomic<int> dispatched{0};
@@ -51,10 +50,7 @@ TEST_F(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
 
     constexpr int kEvents = 2000;
     for (int i = 0; i < kEvents; ++i) {
-        GeneralQEvt* e = static_cast<GeneralQEvt*>(KelLoop::newEvt(SIG_INNER_PROC + 1, sizeof(GeneralQEvt)));
-        ASSERT_NE(e, nullptr);
-        e->wParam = i;
-        ASSERT_TRUE(loop.post(e));
+        ASSERT_TRUE(postGeneral(&loop, SIG_INNER_PROC + 1, i));
         if (i % 100 == 0) {
             once.restart(0);
             ASSERT_TRUE(waitUntil([&] { return oneShot.load() == i / 100 + 1; }));

@@ -1,17 +1,14 @@
-// The logging stand-in: line layout, threshold, configuration, and writing
-// to a reader that has gone away.
+// The logging stand-in: line layout, threshold, configuration, formatting,
+// and writing to a reader that has gone away.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <climits>
-#include <string>
-#include <utility>
-
 #include <stdexcept>
+#include <string>
 
 #include "common_log.h"
 #include "msg_logger.h"
@@ -32,19 +29,17 @@ std::string captureStderr(F body) {
     close(saved);
     std::string out;
     char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, n);
+    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, n);
     close(fds[0]);
     return out;
 }
 
-std::atomic<int> _g_pipes{0};
-void countPipe(int) { _g_pipes.fetch_add(1); }
+int gPipes = 0;
 
 }  // namespace
 
-// One line: time, level letter, name, place and message; the threshold
-// level itself is shown, lower ones are dropped.
+// One line: level letter, name, base name of the file, line, function and
+// message; the threshold level itself is shown, lower ones are dropped.
 TEST(MsgLogger, LineLayoutAndThreshold) {
     kellog::kel_log_init(nullptr, "logtest");
     kellog::kel_log_set_level(LOG_WARN);
@@ -57,8 +52,7 @@ TEST(MsgLogger, LineLayoutAndThreshold) {
     EXPECT_EQ(out.find('\n'), out.size() - 1) << "one line";
 }
 
-// A failed check throws with the file's base name, line and function, and
-// writes no line of its own.
+// A failed check throws with the file's base name, line and function.
 TEST(MsgLogger, AssertThrowsWithPlaceAndWritesNoLine) {
     LogCapture cap;
     try {
@@ -70,10 +64,11 @@ TEST(MsgLogger, AssertThrowsWithPlaceAndWritesNoLine) {
     EXPECT_TRUE(cap.lines().empty());
 }
 
-TEST(MsgLogger, InitTakesTheLevelFromTheConfigurationFile) {
+// The level comes from the file's `level = n`, or from KEL_LOG_LEVEL by
+// name or number; a bad value keeps the threshold and says so in one line.
+TEST(MsgLogger, InitTakesTheLevelFromFileOrEnvironment) {
     char path[] = "/tmp/kel-log-XXXXXX";
     int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
     const char text[] = "# kel\nlevel = 100\n";
     ASSERT_EQ(write(fd, text, sizeof text - 1), static_cast<ssize_t>(sizeof text - 1));
     close(fd);
@@ -81,33 +76,6 @@ TEST(MsgLogger, InitTakesTheLevelFromTheConfigurationFile) {
     kellog::kel_log_init(path, "logtest");
     unlink(path);
     EXPECT_EQ(kellog::kel_log_get_level(), LOG_ERROR);
-}
-
-// With stderr piped into a reader that has ended, logging must not raise
-// SIGPIPE: a handler that logs would raise it again for ever.
-TEST(MsgLogger, ClosedReaderRaisesNoSigpipe) {
-    struct sigaction act = {}, old;
-    act.sa_handler = countPipe;
-    sigaction(SIGPIPE, &act, &old);
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    close(fds[0]);
-    int saved = dup(STDERR_FILENO);
-    dup2(fds[1], STDERR_FILENO);
-    close(fds[1]);
-    for (int i = 0; i < 3; ++i) __logprintf("f.cpp", 5, "f", 1, 1, LOG_ERROR, "into nowhere");
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    sigset_t pending;
-    sigpending(&pending);
-    EXPECT_EQ(_g_pipes.load(), 0);
-    EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
-    sigaction(SIGPIPE, &old, nullptr);
-}
-
-// KEL_LOG_LEVEL takes a level's name or a number; anything else keeps the
-// threshold and says so in one line.
-TEST(MsgLogger, InitTakesTheLevelFromTheEnvironmentByNameOrNumber) {
     for (auto [text, level] :
          {std::pair<const char*, int>{"debug", LOG_DEBUG}, {"WARN", LOG_WARN}, {"30", 30}}) {
         setenv("KEL_LOG_LEVEL", text, 1);
@@ -122,9 +90,30 @@ TEST(MsgLogger, InitTakesTheLevelFromTheEnvironmentByNameOrNumber) {
     EXPECT_EQ(out.find('\n'), out.size() - 1) << "one line";
 }
 
-namespace {
+// With stderr piped into a reader that has ended, logging must not raise
+// SIGPIPE: a handler that logs would raise it again for ever.
+TEST(MsgLogger, ClosedReaderRaisesNoSigpipe) {
+    struct sigaction act = {}, old;
+    act.sa_handler = [](int) { ++gPipes; };
+    sigaction(SIGPIPE, &act, &old);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    close(fds[0]);
+    int saved = dup(STDERR_FILENO);
+    dup2(fds[1], STDERR_FILENO);
+    close(fds[1]);
+    for (int i = 0; i < 3; ++i) __logprintf("f.cpp", 5, "f", 1, 1, LOG_ERROR, "into nowhere");
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    sigset_t pending;
+    sigpending(&pending);
+    EXPECT_EQ(gPipes, 0);
+    EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+    sigaction(SIGPIPE, &old, nullptr);
+}
 
-// The message part of one logged line, and what snprintf makes of the same.
+// The logger formats by itself (it must be safe in a signal handler): the
+// conversions, flags and widths the framework uses come out as printf's.
 template <typename... A>
 void expectLikePrintf(const char* fmt, A... a) {
     char want[256];
@@ -135,17 +124,12 @@ void expectLikePrintf(const char* fmt, A... a) {
     EXPECT_EQ(out.substr(at + 5), std::string(want) + "\n") << fmt;
 }
 
-}  // namespace
-
-// The logger formats by itself (it must be safe in a signal handler): the
-// conversions, flags and widths the framework uses come out as printf's.
 TEST(MsgLogger, FormatsLikePrintf) {
     kellog::kel_log_set_level(LOG_DUMP);
-    expectLikePrintf("%d|%i|%u|%d", -42, 7, 4000000000u, INT_MIN);
-    expectLikePrintf("%ld %lu %lld %llu", LONG_MIN, ULONG_MAX, LLONG_MIN, ULLONG_MAX);
-    expectLikePrintf("%x %lx %X %#x %o", 0xbeefu, 0xdeadbeefUL, 0xabu, 0x1fu, 8u);
-    expectLikePrintf("%p|%p|%12p", static_cast<void*>(&_g_pipes), static_cast<void*>(nullptr),
-                     static_cast<void*>(&_g_pipes));
+    void* p = &gPipes;
+    expectLikePrintf("%d|%i|%u|%d %ld %lu %lld %llu", -42, 7, 4000000000u, INT_MIN, LONG_MIN, ULONG_MAX,
+                     LLONG_MIN, ULLONG_MAX);
+    expectLikePrintf("%x %lx %X %#x %o|%p|%p|%12p", 0xbeefu, 0xdeadbeefUL, 0xabu, 0x1fu, 8u, p, nullptr, p);
     expectLikePrintf("[%s] [%c] 100%% [%.3s|%8s|%-4s]", "text", 'z', "abcdef", "r", "l");
     expectLikePrintf("%02ld:%03ld|%5d|%-5d|%05d|%+d|% d|%.4d|%*d", 7L, 42L, -3, 12, -12, 5, 5, 9, 4, 1);
     expectLikePrintf("%zu %hd %hhu", sizeof(long), static_cast<short>(-2), static_cast<unsigned char>(250));

@@ -34,18 +34,9 @@ extern "C" {
 void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
 void* __libc_realloc(void*, size_t);
-void* malloc(size_t n) {
-    hooks::note();
-    return __libc_malloc(n);
-}
-void* calloc(size_t n, size_t s) {
-    hooks::note();
-    return __libc_calloc(n, s);
-}
-void* realloc(void* p, size_t n) {
-    hooks::note();
-    return __libc_realloc(p, n);
-}
+void* malloc(size_t n) { return hooks::note(), __libc_malloc(n); }
+void* calloc(size_t n, size_t s) { return hooks::note(), __libc_calloc(n, s); }
+void* realloc(void* p, size_t n) { return hooks::note(), __libc_realloc(p, n); }
 }
 #endif
 
@@ -87,10 +78,8 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, voi
                               void* arg) noexcept {
     typedef int (*CreateFn)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     static CreateFn real = reinterpret_cast<CreateFn>(dlsym(RTLD_NEXT, "pthread_create"));
-    int n = hooks::failCreates.load();
-    while (n > 0) {
+    for (int n = hooks::failCreates.load(); n > 0;)
         if (hooks::failCreates.compare_exchange_weak(n, n - 1)) return EAGAIN;
-    }
     return real(thread, attr, body, arg);
 }
 

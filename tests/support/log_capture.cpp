@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <atomic>
 
 namespace {
@@ -49,28 +50,21 @@ void LogCapture::clear() {
 
 std::vector<CapturedLine> LogCapture::lines() const {
     std::vector<CapturedLine> out;
-    int n = _g_next.load(std::memory_order_relaxed);
-    if (n > kMaxLines) n = kMaxLines;
-    for (int i = 0; i < n; ++i) {
-        // A line still being written is skipped.
-        if (!_g_slots[i].ready.load(std::memory_order_acquire)) continue;
-        out.push_back({_g_slots[i].level, _g_slots[i].func, _g_slots[i].text});
-    }
+    int n = std::min(_g_next.load(std::memory_order_relaxed), kMaxLines);
+    for (int i = 0; i < n; ++i)  // a line still being written is skipped
+        if (_g_slots[i].ready.load(std::memory_order_acquire))
+            out.push_back({_g_slots[i].level, _g_slots[i].func, _g_slots[i].text});
     return out;
 }
 
 int LogCapture::count(const std::string& text, int level) const {
     int n = 0;
-    for (const auto& l : lines()) {
-        if (l.text == text && (level < 0 || l.level == level)) ++n;
-    }
+    for (const auto& l : lines()) n += l.text == text && (level < 0 || l.level == level);
     return n;
 }
 
 int LogCapture::countContaining(const std::string& part) const {
     int n = 0;
-    for (const auto& l : lines()) {
-        if (l.text.find(part) != std::string::npos) ++n;
-    }
+    for (const auto& l : lines()) n += l.text.find(part) != std::string::npos;
     return n;
 }

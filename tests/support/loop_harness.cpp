@@ -1,19 +1,17 @@
 #include "loop_harness.h"
 
-#include "daemon_pool.h"
-
 #include <dirent.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 
-#include "daemon_thread.h"
+#include "daemon_pool.h"
 #include "kel_pool.h"
 #include "kel_port.h"
 #include "kel_timer.h"
@@ -29,28 +27,17 @@ void onAlarm(int) {
 }
 
 std::string readThreadName(const std::string& tid) {
-    std::string path = "/proc/self/task/" + tid + "/comm";
-    char buf[64] = {0};
-    FILE* f = fopen(path.c_str(), "r");
-    if (f == nullptr) return "";
-    if (fgets(buf, sizeof buf, f) == nullptr) buf[0] = '\0';
-    fclose(f);
-    std::string s(buf);
-    while (!s.empty() && s.back() == '\n') s.pop_back();
+    std::ifstream f("/proc/self/task/" + tid + "/comm");
+    std::string s;
+    std::getline(f, s);
     return s;
-}
-
-void expectFull(KelPool* p, const char* which) {
-    EXPECT_EQ(p->getNFree(), p->getNTot()) << which << " pool has blocks out";
 }
 
 }  // namespace
 
 Watchdog::Watchdog(unsigned seconds) {
-    struct sigaction act;
-    memset(&act, 0, sizeof act);
+    struct sigaction act = {};
     act.sa_handler = onAlarm;
-    sigemptyset(&act.sa_mask);
     sigaction(SIGALRM, &act, nullptr);
     alarm(seconds);
 }
@@ -62,11 +49,10 @@ bool waitUntil(const std::function<bool()>& pred, double seconds) {
     for (int polls = 0; std::chrono::steady_clock::now() < end; ++polls) {
         if (pred()) return true;
         // Short waits are polled closely, long ones gently.
-        if (polls < 2000) {
+        if (polls < 2000)
             std::this_thread::yield();
-        } else {
+        else
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
     }
     return pred();
 }
@@ -94,14 +80,11 @@ std::vector<std::string> threadNames() {
     std::string self = std::to_string(getpid());
     std::vector<std::string> out{readThreadName(self)};
     DIR* d = opendir("/proc/self/task");
-    if (d == nullptr) return out;
-    while (dirent* ent = readdir(d)) {
-        std::string tid = ent->d_name;
-        if (tid == "." || tid == ".." || tid == self) continue;
-        std::string name = readThreadName(tid);
-        if (name.rfind("qemu", 0) != 0) out.push_back(name);
+    while (dirent* ent = d ? readdir(d) : nullptr) {
+        std::string tid = ent->d_name, name = readThreadName(tid);
+        if (tid != "." && tid != ".." && tid != self && name.rfind("qemu", 0) != 0) out.push_back(name);
     }
-    closedir(d);
+    if (d) closedir(d);
     return out;
 }
 
@@ -140,45 +123,33 @@ double stressSeconds(double dflt) {
 }
 
 void expectPoolsFull(KelLoop* loop) {
-    expectFull(loop->timerList()->nodePool(), "timer");
-    expectFull(loop->generalPool(), "general");
-    expectFull(loop->statePool(), "state");
+    for (KelPool* p : {loop->timerList()->nodePool(), loop->generalPool(), loop->statePool()})
+        EXPECT_EQ(p->getNFree(), p->getNTot()) << "a pool has blocks out";
 }
 
 GeneralQEvt* newGeneral(int sig, long w, long l) {
     GeneralQEvt* e = static_cast<GeneralQEvt*>(KelLoop::newEvt(sig, sizeof(GeneralQEvt)));
-    if (e == nullptr) return nullptr;
-    e->wParam = w;
-    e->lParam = l;
+    if (e != nullptr) e->wParam = w, e->lParam = l;
     return e;
 }
 
-bool postGeneral(KelLoop* loop, int sig, long w, long l) {
-    GeneralQEvt* e = newGeneral(sig, w, l);
+// Posts `e`; a refused event goes back to its pool.
+static bool postOrFree(KelLoop* loop, QEvt* e) {
     if (e == nullptr) return false;
     if (loop->post(e)) return true;
     Kel::gc(e);
     return false;
 }
 
-StateQEvt* newStateEvt(long stateMsg, long msgId, long wParam, long lParam, void* pHander) {
+bool postGeneral(KelLoop* loop, int sig, long w, long l) { return postOrFree(loop, newGeneral(sig, w, l)); }
+
+StateQEvt* newStateEvt(long stateMsg, long msgId) {
     StateQEvt* e = static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
-    if (e == nullptr) return nullptr;
-    e->stateMsg = stateMsg;
-    e->msgId = msgId;
-    e->wParam = wParam;
-    e->lParam = lParam;
-    e->pHander = pHander;
+    if (e != nullptr) e->stateMsg = stateMsg, e->msgId = msgId;
     return e;
 }
 
-bool postStateEvt(long stateMsg, long msgId) {
-    StateQEvt* e = newStateEvt(stateMsg, msgId);
-    if (e == nullptr) return false;
-    if (_loop->post(e)) return true;
-    Kel::gc(e);
-    return false;
-}
+bool postStateEvt(long stateMsg, long msgId) { return postOrFree(_loop, newStateEvt(stateMsg, msgId)); }
 
 void installKelHandlerFor(int sig) {
     struct sigaction act;
@@ -201,10 +172,9 @@ LoopRunner::LoopRunner(KelLoop* loop) : mLoop(loop), mResult(-2), mJoined(false)
 }
 
 LoopRunner::~LoopRunner() {
-    if (!mJoined && mThread.joinable()) {
-        mLoop->exitLoop();
-        mThread.join();
-    }
+    if (mJoined) return;
+    mLoop->exitLoop();
+    mThread.join();
 }
 
 int LoopRunner::join() {

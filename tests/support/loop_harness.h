@@ -72,8 +72,7 @@ void expectPoolsFull(KelLoop* loop);
 GeneralQEvt* newGeneral(int sig, long w = 0, long l = 0);
 bool postGeneral(KelLoop* loop, int sig, long w = 0, long l = 0);
 // A state event from the pools; null when no block is free.
-StateQEvt* newStateEvt(long stateMsg, long msgId = 0, long wParam = 0, long lParam = 0,
-                       void* pHander = nullptr);
+StateQEvt* newStateEvt(long stateMsg, long msgId = 0);
 bool postStateEvt(long stateMsg, long msgId = 0);
 
 // The handler that KelLoop::init_all installed for SIGTERM, installed the
@@ -98,9 +97,8 @@ private:
     bool mJoined;
 };
 
-// Starts the framework without signal handling or logging set-up, and
-// after the test checks that no thread was left behind; with a loop made by
-// the test (`loop`), also that every block came home.
+// Starts the framework without signal handling or logging set-up; at the
+// end checks that no thread is left and every block of `loop` came home.
 class KelTest : public ::testing::Test {
 protected:
     void SetUp() override;

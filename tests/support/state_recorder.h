@@ -1,7 +1,6 @@
-// A state machine for tests: states that record every call of `entry`,
-// `exit` and `translate` and answer from scripts, a machine whose
-// `test_state` and `test_event` are set by the test, and a fixture that
-// builds loop and machine in a fresh process.
+// A state machine for tests: states that record their calls and answer from
+// scripts, a machine whose filters the test sets, and a fixture that builds
+// loop and machine.
 #ifndef KEL_TESTS_SUPPORT_STATE_RECORDER_H
 #define KEL_TESTS_SUPPORT_STATE_RECORDER_H
 
@@ -19,37 +18,32 @@
 #include "support/loop_harness.h"
 
 // Calls of all states of one machine, in order ("exit(3)", "entry(2)", ...).
-// Written with the machine's mutex held.
 using CallLog = std::vector<std::string>;
 
 class ScriptedState : public KelState {
 public:
     ScriptedState(int id, CallLog* log) : mId(id), mLog(log) {}
 
-    // Results of the next calls; 0 (accept) once a script runs out.
-    std::deque<int> entryResults;
-    std::deque<int> exitResults;
-    // What `translate` returns; by default the event's stateMsg, so that a
-    // test names the next step in the event.
+    // Results of the next entry/exit calls; 0 (accept) once a script runs out.
+    std::deque<int> entryResults, exitResults;
+    // What `translate` returns; by default the event's stateMsg.
     std::function<int(const StateQEvt*)> onTranslate;
-    // Copies of the events that reached `translate`.
-    std::vector<StateQEvt> seen;
+    std::vector<StateQEvt> seen;  // copies of the events translated
 
-    int entry(const StateQEvt*) override { return record("entry", entryResults); }
-    int exit(const StateQEvt*) override { return record("exit", exitResults); }
+    int entry(const StateQEvt*) override { return record("entry", &entryResults); }
+    int exit(const StateQEvt*) override { return record("exit", &exitResults); }
     int translate(const StateQEvt* e) override {
-        mLog->push_back(call("translate"));
+        record("translate", nullptr);
         seen.push_back(*e);
         return onTranslate ? onTranslate(e) : static_cast<int>(e->stateMsg);
     }
 
 private:
-    std::string call(const char* what) const { return std::string(what) + "(" + std::to_string(mId) + ")"; }
-    int record(const char* what, std::deque<int>& script) {
-        mLog->push_back(call(what));
-        if (script.empty()) return 0;
-        int r = script.front();
-        script.pop_front();
+    int record(const char* what, std::deque<int>* script) {
+        mLog->push_back(std::string(what) + "(" + std::to_string(mId) + ")");
+        if (script == nullptr || script->empty()) return 0;
+        int r = script->front();
+        script->pop_front();
         return r;
     }
 
@@ -57,20 +51,17 @@ private:
     CallLog* mLog;
 };
 
+// test_state: the library's default when `defaultTestState`, otherwise true
+// but for `unreachable`. test_event: true but for `unwanted`; each question
+// is recorded and runs `onTestEvent`.
 class TestMache : public StateMache {
 public:
     TestMache(int st_num, int init_state) : StateMache(st_num, init_state) {}
 
-    // test_state: the library's default when set, otherwise true for all
-    // states but these.
     bool defaultTestState = false;
     std::set<int> unreachable;
-    // test_event: the library's default when set, otherwise true for all
-    // messages but these. Every question is recorded.
-    bool defaultTestEvent = false;
     std::set<long> unwanted;
     std::vector<long> askedEvents;
-    // Runs at each question of test_event, with the message.
     std::function<void(long)> onTestEvent;
 
     bool test_state(int st) override {
@@ -79,11 +70,9 @@ public:
     bool test_event(int msg) override {
         askedEvents.push_back(msg);
         if (onTestEvent) onTestEvent(msg);
-        return defaultTestEvent ? StateMache::test_event(msg) : unwanted.count(msg) == 0;
+        return unwanted.count(msg) == 0;
     }
-
     using StateMache::procState;
-
     std::vector<int> history() {
         std::vector<int> h;
         for (int i = 0; i < historyDepth(); ++i) h.push_back(historyAt(i));
@@ -99,26 +88,20 @@ protected:
 
     void SetUp() override {
         KelTest::SetUp();
-        loop = new KelLoop(msgs());
+        loop = new KelLoop(32);
         mache = new TestMache(kStates, 0);
     }
     void TearDown() override {
         delete mache;
         KelTest::TearDown();
     }
-    virtual unsigned msgs() const { return 32; }
-
-    // Registers the next state as "s<index>".
-    ScriptedState* addState() {
-        static const char* const kNames[] = {"s0", "s1", "s2", "s3"};
-        int id = static_cast<int>(states.size());
-        ScriptedState* s = new ScriptedState(id, &calls);
-        mache->registStates(s, kNames[id], 0);
-        states.push_back(s);
-        return s;
+    ScriptedState* addState() {  // registered as the next index
+        states.push_back(new ScriptedState(static_cast<int>(states.size()), &calls));
+        mache->registStates(states.back(), "s", 0);
+        return states.back();
     }
-    // An event handed straight to the machine; its stateMsg is the result
-    // that the current state's translate gives.
+    // An event handed straight to the machine; stateMsg is what translate
+    // returns by default.
     bool deliver(long msg, long msgId = 0) {
         StateQEvt e;
         e.sig = SIG_STATE_DELAY_EVENT;
