@@ -132,5 +132,6 @@ TEST(MsgLogger, FormatsLikePrintf) {
     expectLikePrintf("%x %lx %X %#x %o|%p|%p|%12p", 0xbeefu, 0xdeadbeefUL, 0xabu, 0x1fu, 8u, p, nullptr, p);
     expectLikePrintf("[%s] [%c] 100%% [%.3s|%8s|%-4s]", "text", 'z', "abcdef", "r", "l");
     expectLikePrintf("%02ld:%03ld|%5d|%-5d|%05d|%+d|% d|%.4d|%*d", 7L, 42L, -3, 12, -12, 5, 5, 9, 4, 1);
-    expectLikePrintf("%zu %hd %hhu", sizeof(long), static_cast<short>(-2), static_cast<unsigned char>(250));
+    expectLikePrintf("%zu %hd %hhu|%08.3d", sizeof(long), static_cast<short>(-2),
+                     static_cast<unsigned char>(250), 5);
 }
