@@ -8,6 +8,7 @@ TEST(ListTable, StackThatReusesItsItems) {
     ListTable<int> t;
     EXPECT_TRUE(t.pop_back() == t.end()) << "empty list";
     t.push_back(1);
+    EXPECT_FALSE(t.empty()) << "one item";
     t.push_back(2);
     ListTable<int>::iterator two = t.pop_back(), one = t.pop_back();
     EXPECT_EQ(*two, 2);
