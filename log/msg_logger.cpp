@@ -67,13 +67,13 @@ struct Out {
     }
 };
 
-struct Spec {
+struct Conversion {
     bool left = false, zero = false, plus = false, space = false, alt = false;
     int width = 0;
     int prec = -1;
 };
 
-void putText(Out& o, const char* t, const Spec& sp) {
+void putText(Out& o, const char* t, const Conversion& sp) {
     int n = 0;
     while (t[n] != '\0' && (sp.prec < 0 || n < sp.prec)) ++n;
     if (!sp.left) o.pad(' ', sp.width - n);
@@ -82,7 +82,7 @@ void putText(Out& o, const char* t, const Spec& sp) {
 }
 
 void putNumber(Out& o, unsigned long long v, bool neg, unsigned base, bool upper, const char* prefix,
-               const Spec& sp) {
+               const Conversion& sp) {
     const char* digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
     char tmp[24];
     int n = 0;
@@ -120,7 +120,7 @@ int formatInto(char* buf, int size, const char* fmt, va_list ap) {
             continue;
         }
         const char* start = f++;
-        Spec sp;
+        Conversion sp;
         for (;; ++f) {
             if (*f == '-')
                 sp.left = true;
@@ -199,7 +199,7 @@ int formatInto(char* buf, int size, const char* fmt, va_list ap) {
             case 'p': {
                 void* v = va_arg(ap, void*);
                 if (v == nullptr) {
-                    putText(o, "(nil)", Spec{sp.left, false, false, false, false, sp.width, -1});
+                    putText(o, "(nil)", Conversion{sp.left, false, false, false, false, sp.width, -1});
                 } else {
                     putNumber(o, reinterpret_cast<uintptr_t>(v), false, 16, false, "0x", sp);
                 }
@@ -212,7 +212,7 @@ int formatInto(char* buf, int size, const char* fmt, va_list ap) {
             }
             case 'c': {
                 char c[2] = {static_cast<char>(va_arg(ap, int)), '\0'};
-                Spec one = sp;
+                Conversion one = sp;
                 one.prec = -1;
                 if (c[0] == '\0') {  // a NUL character is still one character
                     if (!sp.left) o.pad(' ', sp.width - 1);
