@@ -26,4 +26,6 @@ set(KEL_SOURCES
   # dispatch queues: node store, queue and loop, timers
   events/dispatch_nodes.cpp
   events/dispatch_process.cpp
-  events/dispatch_timer.cpp)
+  events/dispatch_timer.cpp
+  # statistics over the pools of all of the above
+  events/kel_stats.cpp)

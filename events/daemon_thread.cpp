@@ -6,6 +6,7 @@
 #include <sys/prctl.h>
 #include <time.h>
 
+#include <algorithm>
 #include <list>
 
 #include "common_log.h"
@@ -116,8 +117,10 @@ public:
     std::atomic<int> mInFlight;
     // forkPrepare() took the pool lock.
     bool mForkLocked;
-    // Numbers the pool threads' names.
+    // Numbers the pool threads' names; one more than the records made.
     unsigned mNextIndex;
+    // Most records in mUsedThread at once. Under the pool lock.
+    int mPeakUsed;
 };
 
 namespace {
@@ -273,7 +276,8 @@ void* DaemonThreadPrivate::callback(void* arg) {
 // ---------------------------------------------------------------------------
 // ThreadManage
 
-ThreadManage::ThreadManage() : mThreadExit(false), mInFlight(0), mForkLocked(false), mNextIndex(1) {
+ThreadManage::ThreadManage()
+    : mThreadExit(false), mInFlight(0), mForkLocked(false), mNextIndex(1), mPeakUsed(0) {
     pthread_mutex_init(&mMutex, nullptr);
     pthread_atfork(forkPrepare, forkParent, forkChild);
 }
@@ -314,6 +318,7 @@ DaemonThreadPrivate* ThreadManage::createThread(DaemonThread* bd) {
         th->mFree = false;
         mUsedThread.splice(mUsedThread.end(), mFreeThread, th->mPos);
     }
+    mPeakUsed = std::max(mPeakUsed, static_cast<int>(mUsedThread.size()));
     return th;
 }
 
@@ -337,11 +342,13 @@ void ThreadManage::profile() {
 }
 
 KelPoolCounts ThreadManage::counts() {
-    KelPoolCounts c = {0, 0, 0};
+    KelPoolCounts c = {};
     PoolLock guard;
     if (!guard.held()) return c;
     c.used = static_cast<int>(mUsedThread.size());
     c.free = static_cast<int>(mFreeThread.size());
+    c.peak = mPeakUsed;
+    c.made = static_cast<int>(mNextIndex - 1);
     for (const ThreadList* l : {&mUsedThread, &mFreeThread}) {
         for (DaemonThreadPrivate* th : *l) {
             if (th->mRunning.load(std::memory_order_acquire)) ++c.alive;

@@ -46,14 +46,9 @@ public:
         --mUsed;
     }
 
-    void profile() {
-        int used, made;
-        {
-            Autolock guard(&mMtx);
-            used = mUsed;
-            made = mCount;
-        }
-        KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", used, made);
+    nodes::Counts counts() {
+        Autolock guard(&mMtx);
+        return nodes::Counts{mUsed, mCount};
     }
 
 private:
@@ -76,20 +71,30 @@ static_assert(alignof(NodePool::Node) >= alignof(LoopEvtItem), "node not aligned
 static_assert(sizeof(void*) != 4 || sizeof(NodePool::Node) == 32, "32-bit node must be 32 bytes");
 
 // Memory ordering: call_once in init() publishes gPool to every thread that
-// passes it; every user of the store holds a queue made after that.
+// passes it; every user of the store holds a queue made after that. counts()
+// may come first, on any thread: it loads with acquire, paired with the
+// release store in init().
 NodePool* gPool = nullptr;
 
 }  // namespace
 
 void nodes::init() {
     static std::once_flag made;
-    std::call_once(made, [] { gPool = new NodePool; });
+    std::call_once(made, [] { __atomic_store_n(&gPool, new NodePool, __ATOMIC_RELEASE); });
 }
 
 void* nodes::take() { return gPool->take(); }
 
 void nodes::recycle(void* node) { gPool->recycle(node); }
 
-void nodes::profile() { gPool->profile(); }
+void nodes::profile() {
+    Counts c = gPool->counts();
+    KEL_LOG(LOG_INFO, "node pools: used=%d, counts=%d", c.used, c.made);
+}
+
+nodes::Counts nodes::counts() {
+    NodePool* pool = __atomic_load_n(&gPool, __ATOMIC_ACQUIRE);
+    return pool != nullptr ? pool->counts() : Counts{0, 0};
+}
 
 }  // namespace dispatch

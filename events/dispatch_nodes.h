@@ -77,6 +77,17 @@ void recycle(void* node);
 // nodes made, read together as one snapshot.
 void profile();
 
+// The same two figures, for the statistics (kel_stats.h). A node is made
+// only when every node made is in use, so `made` is also the most nodes in
+// use at once since the process started. Any thread; takes the store's
+// mutex, so both are exact as of one moment during the call. Zero before
+// the first queue.
+struct Counts {
+    int used;
+    int made;
+};
+Counts counts();
+
 }  // namespace nodes
 
 }  // namespace dispatch

@@ -19,7 +19,14 @@ struct QFreeBlock {
 // ---------------------------------------------------------------- KelPool
 
 KelPool::KelPool()
-    : m_start(nullptr), m_end(nullptr), m_free_head(nullptr), m_blockSize(0), m_nTot(0), m_nFree(0) {}
+    : m_start(nullptr),
+      m_end(nullptr),
+      m_free_head(nullptr),
+      m_blockSize(0),
+      m_nTot(0),
+      m_nFree(0),
+      m_nLow(0),
+      m_nRefused(0) {}
 
 void KelPool::init(void* poolSto, uint_fast32_t poolSize, uint_fast16_t blockSize) {
     KEL_ASSERT(poolSto != nullptr);
@@ -52,6 +59,7 @@ void KelPool::init(void* poolSto, uint_fast32_t poolSize, uint_fast16_t blockSiz
     }
     fb->m_next = nullptr;
     m_nFree.store(m_nTot, std::memory_order_relaxed);
+    m_nLow.store(m_nTot, std::memory_order_relaxed);
     m_start = poolSto;
     m_end = fb;
 
@@ -67,8 +75,11 @@ void* KelPool::get(uint_fast16_t margin) {
         KEL_ASSERT(fb != nullptr);
         m_free_head = fb->m_next;
         m_nFree.store(nFree - 1, std::memory_order_relaxed);
+        if (nFree - 1 < m_nLow.load(std::memory_order_relaxed))
+            m_nLow.store(nFree - 1, std::memory_order_relaxed);
         return fb;
     }
+    noteRefused();
     KEL_LOG(LOG_WARN, "Free Block is empty.");
     KEL_LOG(LOG_WARN, "m_blockSize: %d, m_nTot: %d, m_nFree: %d", static_cast<int>(m_blockSize),
             static_cast<int>(m_nTot), static_cast<int>(nFree));
@@ -93,7 +104,14 @@ void KelPool::showArgs() {
 // --------------------------------------------------------------- KelQueue
 
 KelQueue::KelQueue()
-    : m_frontEvt(nullptr), m_ring(nullptr), m_end(0), m_head(0), m_tail(0), m_nFree(0), m_closedIn(0) {}
+    : m_frontEvt(nullptr),
+      m_ring(nullptr),
+      m_end(0),
+      m_head(0),
+      m_tail(0),
+      m_nFree(0),
+      m_nLow(0),
+      m_closedIn(0) {}
 
 void KelQueue::init(const QEvt** qSto, uint_fast16_t qLen) {
     m_frontEvt.store(nullptr, std::memory_order_relaxed);
@@ -104,6 +122,7 @@ void KelQueue::init(const QEvt** qSto, uint_fast16_t qLen) {
         m_tail.store(0, std::memory_order_relaxed);
     }
     m_nFree.store(qLen + 1, std::memory_order_relaxed);
+    m_nLow.store(qLen + 1, std::memory_order_relaxed);
 }
 
 bool KelQueue::post(const QEvt* e, uint_fast16_t margin) {
@@ -137,7 +156,7 @@ bool KelQueue::closedLocked() {
 void KelQueue::postLocked(const QEvt* e, QEQueueCtr nFree) {
     QEvt* ev = const_cast<QEvt*>(e);
     if (ev->poolId_ != 0) ++ev->refCtr_;
-    m_nFree.store(nFree - 1, std::memory_order_relaxed);
+    setFreeLower(nFree - 1);
     if (m_frontEvt.load(std::memory_order_relaxed) == nullptr) {
         m_frontEvt.store(e, std::memory_order_release);
     } else {
@@ -152,7 +171,7 @@ void KelQueue::putFront(const QEvt* e) {
     QEvt* ev = const_cast<QEvt*>(e);
     if (ev->poolId_ != 0) ++ev->refCtr_;
     const QEvt* front = m_frontEvt.load(std::memory_order_relaxed);
-    m_nFree.store(m_nFree.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    setFreeLower(m_nFree.load(std::memory_order_relaxed) - 1);
     if (front != nullptr) {
         QEQueueCtr tail = m_tail.load(std::memory_order_relaxed) + 1;
         if (tail == m_end) tail = 0;
@@ -160,6 +179,11 @@ void KelQueue::putFront(const QEvt* e) {
         m_ring[tail] = front;
     }
     m_frontEvt.store(e, std::memory_order_release);
+}
+
+void KelQueue::setFreeLower(QEQueueCtr nFree) {
+    m_nFree.store(nFree, std::memory_order_relaxed);
+    if (nFree < m_nLow.load(std::memory_order_relaxed)) m_nLow.store(nFree, std::memory_order_relaxed);
 }
 
 QEQueueCtr KelQueue::applicationEntries() {

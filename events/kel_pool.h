@@ -7,8 +7,14 @@
 //
 // Thread rules: a pool has no lock of its own. `init` runs before any other
 // thread uses events; `get` and `put` are called by Kel::newX_ and Kel::gc
-// with the event mutex held. `showArgs` and `empty` may be called anywhere
-// (the counters are read as they stand).
+// with the event mutex held. `showArgs`, `empty` and the counters may be
+// called anywhere (the counters are read as they stand).
+//
+// Sizing figures, counted since `init` where the counts are written anyway
+// (under the event mutex): the lowest free count seen, and the refusals.
+// Read from another thread they are approximate only in that blocks may be
+// taken meanwhile: the true low is at most, and the true refusals at least,
+// what was read, since the one only falls and the other only rises.
 #ifndef KEL_EVENTS_KEL_POOL_H
 #define KEL_EVENTS_KEL_POOL_H
 
@@ -40,9 +46,19 @@ public:
     bool empty() const { return m_nFree.load(std::memory_order_relaxed) == 0; }
     void showArgs();
 
-    // Counters for diagnosis and tests.
+    // A request that its blocks could hold found the pool empty (Kel::newX_
+    // then tries the next pool). Caller holds the event mutex.
+    void noteRefused() {
+        m_nRefused.store(m_nRefused.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+
+    // Counters for diagnosis, tests and the statistics (kel_stats.h).
     QMPoolCtr getNTot() const { return m_nTot; }
     QMPoolCtr getNFree() const { return m_nFree.load(std::memory_order_relaxed); }
+    // Lowest free count seen: 0 means the pool ran empty at least once.
+    QMPoolCtr getNLow() const { return m_nLow.load(std::memory_order_relaxed); }
+    // Requests refused: by `get` at its margin, or passed over while empty.
+    uint32_t getNRefused() const { return m_nRefused.load(std::memory_order_relaxed); }
     void* getStart() const { return m_start; }
     void* getEnd() const { return m_end; }
 
@@ -55,9 +71,12 @@ private:
     void* m_free_head;  // head of the free list; null when none is free
     QMPoolSize m_blockSize;
     QMPoolCtr m_nTot;
-    // Written under the event mutex; read without it by `empty`/`showArgs`.
+    // Written under the event mutex; read without it by `empty`/`showArgs`
+    // and the statistics.
     // Memory ordering: relaxed; a reader only needs a value that was true once.
     std::atomic<QMPoolCtr> m_nFree;
+    std::atomic<QMPoolCtr> m_nLow;
+    std::atomic<uint32_t> m_nRefused;
 };
 
 #endif

@@ -199,7 +199,10 @@ QEvt* Kel::newX_(int sig, uint_fast16_t evtSize) {
     // First fit in order of registration: no sorting, no closest size.
     while (idx < Kel_maxPool_) {
         KelPool* p = Kel_pool_[idx];
-        if (p->getBlockSize() >= evtSize && !p->empty()) break;
+        if (p->getBlockSize() >= evtSize) {
+            if (!p->empty()) break;
+            p->noteRefused();
+        }
         ++idx;
     }
     if (idx >= Kel_maxPool_) {

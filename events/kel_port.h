@@ -91,6 +91,7 @@ public:
 
     // An event of at least `evtSize` bytes from the first registered pool
     // that is large enough and not empty; null (LOG_ERROR) when none can.
+    // A pool large enough but empty counts a refusal (KelPool::getNRefused).
     // The payload holds what its last user left there.
     static QEvt* newX_(int sig, uint_fast16_t evtSize);
     // Adds a reference (pool events only). Returns `e`.

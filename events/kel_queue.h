@@ -10,6 +10,11 @@
 // Ownership: the queue owns neither its ring storage nor the events in it.
 // Posting counts one reference on a pool event; `get` hands that reference to
 // the taker, who ends it with Kel::gc.
+//
+// Sizing figure: the lowest free count since `init` (0: the queue was full at
+// least once), kept under `mMtx` where the free count falls. Read from
+// another thread it may lag behind posts in progress: the true low is at
+// most what was read.
 #ifndef KEL_EVENTS_KEL_QUEUE_H
 #define KEL_EVENTS_KEL_QUEUE_H
 
@@ -54,6 +59,9 @@ public:
     const QEvt* get();
 
     QEQueueCtr getNFree() const { return m_nFree.load(std::memory_order_relaxed); }
+    QEQueueCtr getNLow() const { return m_nLow.load(std::memory_order_relaxed); }
+    // Events it holds at most: qLen + 1, the free count of the empty queue.
+    QEQueueCtr capacity() const { return m_end + 1; }
     // A taker that sees an event here also sees what the poster wrote into
     // it before posting (see m_frontEvt).
     bool isEmpty() const { return m_frontEvt.load(std::memory_order_acquire) == nullptr; }
@@ -68,6 +76,8 @@ private:
     // Caller holds `mMtx`, and there is a free entry. Stores `e` ahead of
     // everything.
     void putFront(const QEvt* e);
+    // Caller holds `mMtx`. The free count falls to `nFree`.
+    void setFreeLower(QEQueueCtr nFree);
     // Caller holds `mMtx`. Application events queued.
     QEQueueCtr applicationEntries();
     // Caller holds `mMtx`. Takes the newest application event out of the
@@ -78,8 +88,8 @@ private:
     // Caller holds `mMtx`. True (with its log line) when closed.
     bool closedLocked();
 
-    // All fields are written under `mMtx`; the atomics let `isEmpty` and
-    // `showArgs` read them without it.
+    // All fields are written under `mMtx`; the atomics let `isEmpty`,
+    // `showArgs` and the statistics read them without it.
     // Memory ordering: an event is stored here with release, and `isEmpty`
     // loads it with acquire; every other access is relaxed.
     std::atomic<const QEvt*> m_frontEvt;
@@ -88,6 +98,7 @@ private:
     std::atomic<QEQueueCtr> m_head;
     std::atomic<QEQueueCtr> m_tail;
     std::atomic<QEQueueCtr> m_nFree;
+    std::atomic<QEQueueCtr> m_nLow;
     // Kel::generation() when the loop ended; 0 while open. Under `mMtx`.
     uint32_t m_closedIn;
     KelMutex mMtx;

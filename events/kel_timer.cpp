@@ -156,7 +156,8 @@ KelTimer::KelTimer()
       mHeld(nullptr),
       mFiringTaken(false),
       mWalk(nullptr),
-      mArmed(0) {
+      mArmed(0),
+      mArmedPeak(0) {
     // The nodes are owned here until the pool is registered: registering a
     // pool too many asserts, and then nothing is left behind.
     std::unique_ptr<NodeTimer[]> nodes(new NodeTimer[kPoolNodes]);
@@ -191,7 +192,9 @@ void KelTimer::insert(NodeTimer* timer) {
         tmp = tmp->next;
     }
     tmp->addFirst(timer);
-    mArmed.fetch_add(1, std::memory_order_release);
+    int armed = mArmed.fetch_add(1, std::memory_order_release) + 1;
+    if (armed > mArmedPeak.load(std::memory_order_relaxed))
+        mArmedPeak.store(armed, std::memory_order_relaxed);
 }
 
 void KelTimer::addTimer(NodeTimer* timer) {

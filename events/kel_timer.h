@@ -96,8 +96,13 @@ public:
     bool getTimeout(timespec* val);
     void showArgs();
 
-    // Blocks of the timer's own pool, for diagnosis and tests.
+    // Blocks of the timer's own pool, for diagnosis, tests and the
+    // statistics (kel_stats.h). They serve events too, first of all pools.
     KelPool* nodePool() { return &pool; }
+    // Most nodes on the list at once since the list was made: the timers
+    // armed at once (a firing timer counts again once it is re-armed). Any
+    // thread; read from another, it may lag behind an arming in progress.
+    int armedPeak() const { return mArmedPeak.load(std::memory_order_relaxed); }
 
     KelTimer(const KelTimer&) = delete;
     KelTimer& operator=(const KelTimer&) = delete;
@@ -138,6 +143,9 @@ private:
     // no clock. Memory ordering: release/acquire; an arming thread wakes the
     // loop afterwards, and the loop reads its wake-up count before this.
     std::atomic<int> mArmed;
+    // Highest value of `mArmed`. Written under `mutex` as it rises.
+    // Memory ordering: relaxed; a reader only needs a value that was true once.
+    std::atomic<int> mArmedPeak;
 };
 
 #endif

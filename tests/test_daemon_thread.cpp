@@ -14,6 +14,7 @@
 #include "daemon_pool.h"
 #include "daemon_thread.h"
 #include "kel_dispatch.h"
+#include "kel_stats.h"
 #include "support/fault_hooks.h"
 #include "support/log_capture.h"
 #include "support/loop_harness.h"
@@ -94,6 +95,9 @@ TEST(DaemonThread, FreedThreadsAreReusedInOrderAndForgetTheirName) {
     EXPECT_EQ(d.runTid, a.runTid);
     EXPECT_EQ(d.runName.rfind("kel-pool-", 0), 0u) << d.runName;
     expectQuiescentPool(2);
+    KelStats s = kel_stats_snapshot();
+    EXPECT_EQ(std::vector<unsigned>({s.threads_busy, s.threads_peak, s.threads_made}),
+              std::vector<unsigned>({0, 2, 2}));
 }
 
 // run() then threadExit() on one thread, no pool lock held (profile and

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "dispatch_private.h"  // timespecAfter, firesBefore
+#include "kel_stats.h"
 #include "support/fault_hooks.h"
 #include "support/loop_harness.h"
 
@@ -473,5 +474,7 @@ TEST_F(DispatchAlloc, QueuesMadeOnSeveralThreadsShareOneStore) {
     hooks::allocs = 0;
     for (int k = 0; k < 50; ++k) q.enqueue(FUNC(&Rec::hit), &c);
     EXPECT_EQ(hooks::allocs, 0);
+    KelStats s = kel_stats_snapshot();
+    EXPECT_TRUE(s.nodes_used == 50 && s.nodes_made == unsigned(made)) << s.nodes_used << " " << s.nodes_made;
     q.queueProcess(0);
 }

@@ -11,6 +11,7 @@
 #include "kel_pool.h"
 #include "kel_port.h"
 #include "kel_queue.h"
+#include "kel_stats.h"
 #include "kel_timer.h"
 #include "support/log_capture.h"
 #include "support/loop_harness.h"
@@ -156,4 +157,32 @@ TEST_F(EventStore, LifoOnFullQueueNeverDropsTheLoopsCommands) {
     order.clear();
     drain();
     EXPECT_EQ(order, std::vector<int>(5, SIG_EVENT_LOOP_EXIT));
+}
+
+// Statistics: each pool's low and the refusals along the chain of pools
+// (24 blocks out, the 25th request refused by all three), the queue's low,
+// and the timers armed at once (re-arming does not count twice), in the
+// snapshot and its log line; no dispatch node or pooled thread was made.
+TEST_F(EventStore, StatisticsShowLowsRefusalsAndPeaks) {
+    loop = new KelLoop(2);
+    std::vector<QEvt*> out;
+    while (QEvt* e = KelLoop::newEvt(100, sizeof(GeneralQEvt))) out.push_back(e);
+    ASSERT_EQ(out.size(), 24u);
+    for (int i = 0; i < 3; ++i) loop->eventQueue()->post(out[i], 0);
+    while (const QEvt* e = loop->eventQueue()->get()) Kel::gc(e);
+    for (size_t i = 3; i < out.size(); ++i) Kel::gc(out[i]);
+    ATimer t[3];
+    for (ATimer& a : t) a.setHandler([](ATimer*, void*) {}, nullptr), a.restart(100000);
+    t[0].restart(100000);
+    for (ATimer& a : t) a.stop();
+    EXPECT_EQ(kel_stats_snapshot().state_pool.refused, 1u);
+    LogCapture cap;
+    kel_stats_log();
+    EXPECT_EQ(
+        cap.count("stats: pools blocks/free/low/refused: timer 20/20/0/5, general 2/2/0/3, state 2/2/0/1; "
+                  "queue entries/low: 129/126; timers peak: 3; dispatch nodes used/made: 0/0; "
+                  "threads busy/peak/made: 0/0/0",
+                  LOG_INFO),
+        1)
+        << (cap.lines().empty() ? "" : cap.lines()[0].text);
 }
