@@ -48,7 +48,7 @@ void kel_stats_log(void) {
         "stats: pools blocks/free/low/refused: timer %u/%u/%u/%u, general %u/%u/%u/%u, state %u/%u/%u/%u; "
         "queue entries/low: %u/%u; timers peak: %u; dispatch nodes used/made: %u/%u; "
         "threads busy/peak/made: %u/%u/%u",
-        t.blocks, t.free, t.low, t.refused, g.blocks, g.free, g.low, g.refused, st.blocks, st.free, st.low,
-        st.refused, s.queue_entries, s.queue_low, s.timers_peak, s.nodes_used, s.nodes_made, s.threads_busy,
-        s.threads_peak, s.threads_made);
+        t.blocks, t.free_now, t.low, t.refused, g.blocks, g.free_now, g.low, g.refused, st.blocks,
+        st.free_now, st.low, st.refused, s.queue_entries, s.queue_low, s.timers_peak, s.nodes_used,
+        s.nodes_made, s.threads_busy, s.threads_peak, s.threads_made);
 }

@@ -45,10 +45,10 @@ extern "C" {
 #endif
 
 struct KelPoolStats {
-    unsigned blocks;   // blocks of the pool
-    unsigned free;     // free now
-    unsigned low;      // lowest free count seen
-    unsigned refused;  // requests that its blocks could hold and found it empty
+    unsigned blocks;    // blocks of the pool
+    unsigned free_now;  // free blocks now
+    unsigned low;       // lowest free count seen
+    unsigned refused;   // requests that its blocks could hold and found it empty
 };
 
 struct KelStats {

@@ -100,7 +100,7 @@ public:
     // statistics (kel_stats.h). They serve events too, first of all pools.
     KelPool* nodePool() { return &pool; }
     // Most nodes on the list at once since the list was made: the timers
-    // armed at once (a firing timer counts again once it is re-armed). Any
+    // armed at once (a timer is off the list while its handler runs). Any
     // thread; read from another, it may lag behind an arming in progress.
     int armedPeak() const { return mArmedPeak.load(std::memory_order_relaxed); }
 
