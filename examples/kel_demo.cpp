@@ -117,7 +117,7 @@ public:
     bool start() {
         mFd = mDevice.open();
         if (mFd < 0) return false;
-        watchFd(mFd, KEL_FD_IN, this, dispatch::FDFUNC(&SensorDriver::readable));
+        watchFd(mFd, KEL_FD_IN, dispatch::FDFUNC(&SensorDriver::readable), this);
         mThread = std::thread([this] {
             pthread_setname_np(pthread_self(), "sensor-driver");
             mSilence.restart(500);
