@@ -4,13 +4,14 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <new>
 
 #include "common_log.h"
 #include "daemon_pool.h"
 #include "daemon_thread.h"
-#include "kel_mutex.h"
+#include "kel_lock.h"
 
 namespace {
 
@@ -81,6 +82,11 @@ public:
     void ref();
     // True when the last reference is gone; the caller then deletes.
     bool unref();
+    // Waits until every work queued before the call has run or was
+    // dropped: 0, or -1 from a work of this queue. See kel_dispatch.h.
+    int flush();
+    // Drops the works that wait to run; returns how many.
+    size_t cancel();
 
 protected:
     // Runs queued works until the queue is empty. No lock held around works.
@@ -93,6 +99,10 @@ private:
     // Caller holds mMtx. DaemonThread::start(), which may throw
     // std::bad_alloc; mStartOwed stays set then.
     void startPass();
+    // Caller holds mMtx. Wakes the flushers, if any, to look again.
+    void wakeFlushers();
+    // Caller holds mMtx. Pops the next work into mCurrent, numbered.
+    WorkNode* takeNext();
 
     // fork() handlers for all queues: the prepare handler holds every
     // queue's mMtx across the fork; in the child, each queue is reset to
@@ -121,7 +131,17 @@ private:
     // that pass: in a child of fork() it tells the one pass that goes on.
     WorkNode* mCurrent;
     pthread_t mRunThread;
-    KelMutex mMtx;
+    // Works ever queued, and works that ever left `prepare` (taken by run()
+    // or dropped by cancel()); the first work in `prepare` is number
+    // mLeft, the one in mCurrent number mCurrentSeq. Positions, not counts
+    // of finished works: a cancel may drop works behind a running one.
+    uint64_t mQueued;
+    uint64_t mLeft;
+    uint64_t mCurrentSeq;
+    // Threads in flush(), each holding a reference; they wait on mFlushed.
+    int mFlushWaiters;
+    pthread_cond_t mFlushed;
+    OwnedMutex mMtx;
 };
 
 // Every queue, for the fork() handlers. Both need no run-time construction,
@@ -138,7 +158,12 @@ WorkThread::WorkThread()
       mPassRef(false),
       mStartOwed(false),
       mCurrent(nullptr),
-      mRunThread() {
+      mRunThread(),
+      mQueued(0),
+      mLeft(0),
+      mCurrentSeq(0),
+      mFlushWaiters(0) {
+    pthread_cond_init(&mFlushed, nullptr);
     // The pool first: made before the queue, it is destroyed after it at
     // exit, and its fork() handlers, registered earlier, take the pool lock
     // after ours have taken every mMtx (the lock order).
@@ -165,10 +190,11 @@ WorkThread::~WorkThread() {
         free.head = node->next;
         delete node;
     }
+    pthread_cond_destroy(&mFlushed);
 }
 
 void WorkThread::syncExec(DispatchFunc func, void* ctx) {
-    Autolock lock(&mMtx);
+    OwnedMutex::Lock lock(mMtx);
     WorkNode* node = free.get();
     node->func = func;
     node->ctx = ctx;
@@ -180,6 +206,7 @@ void WorkThread::syncExec(DispatchFunc func, void* ctx) {
     // A start that threw did neither, so the next call starts again.
     bool wasEmpty = prepare.empty();
     prepare.push(node);
+    ++mQueued;
     if (!mPassRef) {
         mPassRef = true;
         ++mRefs;
@@ -193,35 +220,82 @@ void WorkThread::startPass() {
     mStartOwed = false;
 }
 
+void WorkThread::wakeFlushers() {
+    if (mFlushWaiters > 0) pthread_cond_broadcast(&mFlushed);
+}
+
 void WorkThread::ref() {
-    Autolock lock(&mMtx);
+    OwnedMutex::Lock lock(mMtx);
     ++mRefs;
 }
 
 bool WorkThread::unref() {
-    Autolock lock(&mMtx);
+    OwnedMutex::Lock lock(mMtx);
     return --mRefs <= 0;
+}
+
+// The works before the call are numbers below `target`; they are all done
+// once the oldest unfinished work (the running one, else the first waiting)
+// is at `target` or later. A flush from a work of this queue would wait for
+// itself: it is refused. The reference held across the wait keeps the queue
+// alive should its last handle go meanwhile.
+int WorkThread::flush() {
+    bool last = false;
+    {
+        OwnedMutex::Lock lock(mMtx);
+        if (mCurrent != nullptr && pthread_equal(mRunThread, pthread_self())) {
+            KEL_LOG(LOG_WARN, "flush from a work of its own queue refused");
+            return -1;
+        }
+        const uint64_t target = mQueued;
+        ++mRefs;
+        ++mFlushWaiters;
+        while ((mCurrent != nullptr ? mCurrentSeq : mLeft) < target) mMtx.wait(&mFlushed);
+        --mFlushWaiters;
+        last = (--mRefs <= 0);
+    }
+    if (last) delete this;
+    return 0;
+}
+
+size_t WorkThread::cancel() {
+    OwnedMutex::Lock lock(mMtx);
+    size_t dropped = 0;
+    while (WorkNode* node = prepare.pop()) {
+        free.push(node);
+        ++dropped;
+    }
+    mLeft += dropped;
+    wakeFlushers();
+    return dropped;
 }
 
 void WorkThread::run() {
     mMtx.lock();
     ++mPasses;
     mRunThread = pthread_self();
-    WorkNode* item = mCurrent = prepare.pop();
+    WorkNode* item = takeNext();
     mMtx.unlock();
     while (item != nullptr) {
         item->func(item->ctx);
         mMtx.lock();
         free.push(item);
-        item = mCurrent = prepare.pop();
+        item = takeNext();
+        wakeFlushers();
         mMtx.unlock();
     }
+}
+
+WorkThread::WorkNode* WorkThread::takeNext() {
+    mCurrent = prepare.pop();
+    if (mCurrent != nullptr) mCurrentSeq = mLeft++;
+    return mCurrent;
 }
 
 void WorkThread::threadExit() {
     bool last = false;
     {
-        Autolock lock(&mMtx);
+        OwnedMutex::Lock lock(mMtx);
         --mPasses;
         if (!prepare.empty()) {
             try {
@@ -262,7 +336,14 @@ void WorkThread::forkChild() {
         while (WorkNode* node = q->prepare.pop()) q->free.push(node);
         if (q->mCurrent != nullptr && !forker) q->free.push(q->mCurrent);
         if (!forker) q->mCurrent = nullptr;
+        q->mLeft = q->mQueued;
         q->mPasses = forker ? 1 : 0;
+        // Flushers are threads of the parent: their references go (all but
+        // the last, by which the queue can still be freed), and so do their
+        // marks in the condition variable, which is made afresh.
+        q->mRefs -= std::min(q->mFlushWaiters, q->mRefs - 1);
+        q->mFlushWaiters = 0;
+        pthread_cond_init(&q->mFlushed, nullptr);
         // The pass reference of a queue left without a pass goes too, unless
         // it is the last one (no handle left to free the queue by).
         if (!forker && q->mPassRef && q->mRefs > 1) q->mPassRef = false, --q->mRefs;
@@ -330,6 +411,16 @@ void kel_dispatch_async_t(DispathQueue* queue, DispatchFunc func, void* ctx) {
         return;
     }
     work->syncExec(func, ctx);
+}
+
+int kel_dispatch_queue_flush(DispathQueue* queue) {
+    WorkThread* work = queue != nullptr ? static_cast<WorkThread*>(queue) : defaultQueue();
+    return work != nullptr ? work->flush() : 0;
+}
+
+size_t kel_dispatch_queue_cancel(DispathQueue* queue) {
+    WorkThread* work = queue != nullptr ? static_cast<WorkThread*>(queue) : defaultQueue();
+    return work != nullptr ? work->cancel() : 0;
 }
 
 intptr_t kel_rendezvous(void* tag, intptr_t value) {

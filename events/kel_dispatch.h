@@ -44,6 +44,7 @@
 #ifndef KEL_EVENTS_KEL_DISPATCH_H
 #define KEL_EVENTS_KEL_DISPATCH_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "kel_export.h"
@@ -64,6 +65,20 @@ KEL_API void kel_dispatch_queue_ref(DispathQueue* queue);
 // Queues `func(ctx)` on `queue` (the default queue if null) and returns
 // without waiting for it.
 KEL_API void kel_dispatch_async_t(DispathQueue* queue, DispatchFunc func, void* ctx);
+
+// Waits until every work queued on `queue` (the default queue if null)
+// before the call has run, or was dropped by kel_dispatch_queue_cancel, and
+// returns 0. Returns at once on an idle queue. From a work of the same queue
+// it would wait for itself: it returns -1 at once and logs "flush from a
+// work of its own queue refused" (LOG_WARN). Work queued during the wait is
+// not waited for. The queue stays alive for the length of the call. A queue
+// whose work cannot start (no pooled thread, see Limits) keeps it waiting.
+KEL_API int kel_dispatch_queue_flush(DispathQueue* queue);
+// Drops the works queued on `queue` (the default queue if null: everybody's)
+// that have not started, and returns how many. A work already running
+// finishes; from inside a work it drops the works behind the caller.
+// Dropped works never run; their `ctx` stays the caller's to free.
+KEL_API size_t kel_dispatch_queue_cancel(DispathQueue* queue);
 
 // Meets another thread at `tag` and swaps one word with it: the first caller
 // with a tag blocks; the next caller with the same tag gives it `value`,

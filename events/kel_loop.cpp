@@ -296,4 +296,6 @@ void KelLoop::init_all(unsigned int def_level, const char* name, const char* con
     Kel::init();
 }
 
+void KelLoop::enableSignals(unsigned mask) { kel_signal_enable(mask); }
+
 void KelLoop::uninit_all() { Kel::uninit(); }

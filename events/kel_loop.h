@@ -37,6 +37,14 @@
 #include "event_def.h"
 #include "kel_export.h"
 
+// Signals that KelLoop::enableSignals adds to SIGTERM and SIGPIPE.
+enum KelSignalMask : unsigned {
+    KEL_SIGNAL_INT = 0x1,   // SIGINT: `interrupt()` on the loop's thread, then the loop stops
+    KEL_SIGNAL_HUP = 0x2,   // SIGHUP: logged "Application[%d] signal:1 tigger", otherwise ignored
+    KEL_SIGNAL_USR1 = 0x4,  // SIGUSR1: `broadcast(sender's pid, sigqueue value)` ahead of the queue
+    KEL_SIGNAL_USR2 = 0x8,  // SIGUSR2: the same as SIGUSR1
+};
+
 class KelQueue;
 class KelPool;
 class KelTimer;
@@ -77,6 +85,15 @@ public:
     // _exit(1) (no occurSysError, no exit handlers); otherwise the request is
     // dropped with the line "Application[%d] signal:%d dropped, no signal thread".
     static void init_all(unsigned int def_level, const char* name, const char* confpath);
+    // Has the signal handling take the KEL_SIGNAL_* signals of `mask` too,
+    // through the same signal-safe path; by default it takes SIGTERM and
+    // SIGPIPE only. Call before init_all, which installs them with the
+    // others; after init_all has installed its handling, they are installed
+    // at once. Bits add up and cannot be taken back; unknown bits are
+    // ignored. With bit 0x1000000 of `def_level` nothing is installed.
+    // While no KelLoop exists, SIGINT, SIGUSR1 and SIGUSR2 end the process
+    // with exit(1), as SIGTERM does. Any thread.
+    static void enableSignals(unsigned mask);
     // Kel::init's counterpart, for applications that drive `getMessage` or
     // got -1 from `execLoop`. Harmless after `execLoop` returned 0.
     static void uninit_all();

@@ -83,6 +83,17 @@ pthread_t _g_sig_thread;
 // owner, or endSignalThread waits for its write before closing the pipe.
 std::atomic<int> _g_sig_writers{0};
 
+// Signals asked for on top of SIGTERM and SIGPIPE (KEL_SIGNAL_* bits), and
+// whether kel_signal_install has installed the handler in this process.
+// Memory ordering: sequentially consistent on both sides: kel_signal_enable
+// adds to the mask, then looks at the flag; kel_signal_install sets the
+// flag, then reads the mask. So at least one of them installs a new signal.
+std::atomic<unsigned> _g_sig_optin{0};
+std::atomic<bool> _g_sig_installed{false};
+
+// Installs signal_handler for `sig`.
+void installHandler(int sig);
+
 // Branches in progress that may use the loop. The loop's destructor clears
 // `_loop` and then waits for this to be 0, so a branch never uses a loop
 // that is being destroyed. Memory ordering: the increment here and the load
@@ -234,6 +245,16 @@ void endSignalThread() {
     _g_sig_read_fd = -1;
 }
 
+void installHandler(int sig) {
+    struct sigaction act;
+    struct sigaction old;
+    memset(&act, 0, sizeof act);
+    act.sa_sigaction = signal_handler;
+    act.sa_flags = SA_SIGINFO | SA_NOCLDWAIT;
+    sigemptyset(&act.sa_mask);
+    sigaction(sig, &act, &old);
+}
+
 }  // namespace
 
 void kel_signal_install() {
@@ -267,13 +288,18 @@ void kel_signal_install() {
         }
     }
     int sigs[2] = {SIGTERM, SIGPIPE};
-    struct sigaction act;
-    struct sigaction old;
-    memset(&act, 0, sizeof act);
-    act.sa_sigaction = signal_handler;
-    act.sa_flags = SA_SIGINFO | SA_NOCLDWAIT;
-    sigemptyset(&act.sa_mask);
-    for (int i = 0; i < 2; ++i) sigaction(sigs[i], &act, &old);
+    for (int i = 0; i < 2; ++i) installHandler(sigs[i]);
+    _g_sig_installed.store(true, std::memory_order_seq_cst);
+    kel_signal_enable(0);
+}
+
+void kel_signal_enable(unsigned mask) {
+    // In the order of the KEL_SIGNAL_* bits.
+    static const int optional[] = {SIGINT, SIGHUP, SIGUSR1, SIGUSR2};
+    unsigned all = _g_sig_optin.fetch_or(mask, std::memory_order_seq_cst) | mask;
+    if (!_g_sig_installed.load(std::memory_order_seq_cst)) return;  // init_all installs them
+    for (unsigned i = 0; i < sizeof optional / sizeof optional[0]; ++i)
+        if (all & (1u << i)) installHandler(optional[i]);
 }
 
 void kel_signal_wait_branches() {

@@ -166,3 +166,55 @@ TEST(WorkQueue, WorksAndThreadsTheyStartKeepTheSignalMask) {
     for (int sig : {SIGTERM, SIGPIPE})
         EXPECT_FALSE(sigismember(&m.inWork, sig) || sigismember(&m.inThread, sig)) << sig;
 }
+
+// A flush waits for the works queued before it, the running one included
+// even when a cancel has dropped the works behind it; from a work of the
+// queue, flush is refused and cancel drops the works behind the caller.
+static Gate gStarted, gRelease;
+static int gInsideFlush;
+static size_t gInsideCancel;
+static void flushAndCancelInside(void* q) {
+    gStarted.open(), gRelease.wait();
+    gInsideFlush = kel_dispatch_queue_flush(q), gInsideCancel = kel_dispatch_queue_cancel(q);
+    usleep(20 * 1000);  // a flusher woken by the cancel would see gDone 0
+    ++gDone;
+}
+
+TEST(WorkQueue, FlushWaitsForEarlierWorksAndCancelDropsWaitingOnes) {
+    DispathQueue* q = kel_dispatch_queue_create();
+    EXPECT_EQ(kel_dispatch_queue_flush(q), 0);  // idle: at once
+    gDone = 0;
+    kel_dispatch_async_t(q, flushAndCancelInside, q);
+    ASSERT_TRUE(gStarted.wait());
+    int seen = -1;
+    std::thread flusher([&] { kel_dispatch_queue_flush(q), seen = gDone; });
+    usleep(20 * 1000);  // mostly, the flusher now waits for the running work alone
+    for (int i = 0; i < 3; ++i) kel_dispatch_async_t(q, countWork, nullptr);
+    gRelease.open();
+    flusher.join();
+    EXPECT_EQ(seen, 1);
+    EXPECT_EQ(gInsideFlush, -1);
+    EXPECT_EQ(gInsideCancel, 3u);
+    EXPECT_EQ(gDone, 1) << "a dropped work ran";
+    kel_dispatch_queue_destory(q);
+}
+
+// Queuing, cancelling and flushing at once: every work runs or is counted
+// by a cancel, and a last flush returns with none outstanding.
+TEST(WorkQueue, StressAsyncCancelAndFlushTogether) {
+    DispathQueue* q = kel_dispatch_queue_create();
+    gDone = 0;
+    std::atomic<size_t> dropped{0};
+    auto produce = [&] {
+        for (int i = 1; i <= 20000; ++i) {
+            kel_dispatch_async_t(q, countWork, nullptr);
+            if (i % 16 == 0) dropped += kel_dispatch_queue_cancel(q);
+            if (i % 1000 == 0 && kel_dispatch_queue_flush(q) != 0) ADD_FAILURE();
+        }
+    };
+    std::thread a(produce), b(produce), c(produce);
+    a.join(), b.join(), c.join();
+    EXPECT_EQ(kel_dispatch_queue_flush(q), 0);
+    EXPECT_EQ(gDone + dropped, 60000u);
+    kel_dispatch_queue_destory(q);
+}

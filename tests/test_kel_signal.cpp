@@ -60,6 +60,14 @@ void expectHandlerState(bool installed) {
     }
 }
 
+// Whether `sig` has kel's handler, the one of SIGTERM.
+bool kelTakes(int sig) {
+    struct sigaction term, a;
+    sigaction(SIGTERM, nullptr, &term), sigaction(sig, nullptr, &a);
+    return (a.sa_flags & SA_SIGINFO) && a.sa_sigaction == term.sa_sigaction;
+}
+constexpr int kOptional[] = {SIGINT, SIGHUP, SIGUSR1, SIGUSR2};
+
 TEST_P(InitAll, SwitchBitsSelectHandlersAndLogging) {
     const Switches& sw = GetParam();
     unsetenv("KEL_LOG_LEVEL");
@@ -72,6 +80,7 @@ TEST_P(InitAll, SwitchBitsSelectHandlersAndLogging) {
     unlink(conf);
     EXPECT_TRUE(Kel::isAlive());
     expectHandlerState(sw.handlers);
+    for (int sig : kOptional) EXPECT_FALSE(kelTakes(sig)) << "not asked for: " << sig;
     EXPECT_EQ(threadsNamed("kel-signal"), sw.handlers ? 1 : 0);
     EXPECT_EQ(kellog::kel_log_get_level(), sw.logging ? LOG_DUMP : LOG_INFO);
     KelLoop::uninit_all();
@@ -182,6 +191,41 @@ TEST_P(UserSignal, ValueOvertakesQueuedEvents) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Usr, UserSignal, ::testing::Values(SIGUSR1, SIGUSR2));
+
+// Each signal asked for alone takes its branch; the others keep their
+// default action.
+struct OptIn {
+    unsigned bit;
+    int sig;
+    const char* line;  // logged by the handler, with the pid
+    int level;
+    const char* first;  // what the loop does first, with the pid
+};
+void PrintTo(const OptIn& r, std::ostream* os) { *os << "signal " << r.sig; }
+class OptInSignal : public SignalLoop, public ::testing::WithParamInterface<OptIn> {
+    void SetUp() override { KelLoop::enableSignals(GetParam().bit), SignalLoop::SetUp(); }
+};
+TEST_P(OptInSignal, TakesTheBranchOfItsSignal) {
+    const OptIn& row = GetParam();
+    for (int sig : kOptional) EXPECT_EQ(kelTakes(sig), sig == row.sig) << sig;
+    raise(row.sig);
+    ASSERT_TRUE(waitUntil([&] { return row.sig == SIGHUP || !loop->eventQueue()->isEmpty(); }));
+    rec->stopOnMessage = 99;
+    ASSERT_TRUE(row.sig == SIGINT || postApp(99));
+    EXPECT_EQ(rec->execLoop(), 0);
+    std::vector<std::string> want;
+    if (row.first != nullptr) want.push_back(pidText(row.first));
+    if (row.sig != SIGINT) want.push_back("app 99");
+    EXPECT_EQ(rec->order, want);
+    EXPECT_TRUE(row.line == nullptr || cap->count(pidText(row.line), row.level) == 1);
+}
+INSTANTIATE_TEST_SUITE_P(Mask, OptInSignal,
+                         ::testing::Values(OptIn{KEL_SIGNAL_INT, SIGINT, "Application[%d] 'Ctrl+C' tigger.",
+                                                 LOG_WARN, "interrupt"},
+                                           OptIn{KEL_SIGNAL_HUP, SIGHUP, "Application[%d] signal:1 tigger",
+                                                 LOG_ERROR, nullptr},
+                                           OptIn{KEL_SIGNAL_USR1, SIGUSR1, nullptr, 0, "broadcast %d 0"},
+                                           OptIn{KEL_SIGNAL_USR2, SIGUSR2, nullptr, 0, "broadcast %d 0"}));
 
 // -------------------------------------------------- branches that end it all
 

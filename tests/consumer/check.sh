@@ -48,6 +48,32 @@ cmake --build "$work/cmake" >/dev/null
     -Wl,-rpath,"$libdir"
 "${run[@]}" "$work/consumer-pc"
 
+# One version everywhere: kel_version.h and kel_version() of the installed
+# library agree, and pkg-config, the CMake package and the SONAME say the same.
+cat >"$work/version.cpp" <<'EOF'
+#include <stdio.h>
+#include <string.h>
+
+#include "kel_version.h"
+#define STR(x) #x
+#define XSTR(x) STR(x)
+int main() {
+    const char* parts = XSTR(KEL_VERSION_MAJOR) "." XSTR(KEL_VERSION_MINOR) "." XSTR(KEL_VERSION_PATCH);
+    printf("%s %d\n", kel_version(), KEL_VERSION_MAJOR);
+    return strcmp(kel_version(), KEL_VERSION_STRING) != 0 || strcmp(parts, KEL_VERSION_STRING) != 0;
+}
+EOF
+"$cxx" "${strict[@]}" "$work/version.cpp" -o "$work/version" \
+    $(PKG_CONFIG_PATH="$libdir/pkgconfig" PKG_CONFIG_SYSROOT_DIR= pkg-config --cflags --libs kel) \
+    -Wl,-rpath,"$libdir"
+out=$("${run[@]}" "$work/version") || { echo "consumer: kel_version() and kel_version.h disagree: $out"; exit 1; }
+read -r version major <<<"$out"
+pc_version=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion kel)
+[ "$pc_version" = "$version" ] || { echo "consumer: pkg-config says $pc_version, the library $version"; exit 1; }
+grep -q "PACKAGE_VERSION \"$version\"" "$libdir/cmake/kel/kelConfigVersion.cmake" ||
+    { echo "consumer: the CMake package is not version $version"; exit 1; }
+[ -e "$libdir/libkel.so.$major" ] || { echo "consumer: no libkel.so.$major for version $version"; exit 1; }
+
 for h in "$inc"/*.h; do echo "#include \"$(basename "$h")\""; done >"$work/all.cpp"
 "$cxx" "${strict[@]}" -fsyntax-only -I"$inc" "$work/all.cpp"
 
@@ -85,4 +111,5 @@ for order in "$sys"$'\n'"$kel" "$kel"$'\n'"$sys"; do
     syslog_case "$order" 'KEL_LOG(KEL_LOG_INFO, "x"); KEL_LOG(LOG_WARN, "x"); syslog(LOG_INFO, "x");' ok
 done
 echo "consumer: the README example runs from $prefix without LD_LIBRARY_PATH (CMake package" \
-    "and pkg-config${toolchain:+, cross}); headers clean under strict warnings; $exports; <syslog.h> clash caught"
+    "and pkg-config${toolchain:+, cross}); version $version everywhere; headers clean under strict" \
+    "warnings; $exports; <syslog.h> clash caught"
