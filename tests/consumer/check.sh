@@ -72,7 +72,9 @@ pc_version=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion kel)
 [ "$pc_version" = "$version" ] || { echo "consumer: pkg-config says $pc_version, the library $version"; exit 1; }
 grep -q "PACKAGE_VERSION \"$version\"" "$libdir/cmake/kel/kelConfigVersion.cmake" ||
     { echo "consumer: the CMake package is not version $version"; exit 1; }
-[ -e "$libdir/libkel.so.$major" ] || { echo "consumer: no libkel.so.$major for version $version"; exit 1; }
+soname=$major
+[ "$major" = 0 ] && soname=${version%.*}  # before 1.0: 0.MINOR
+[ -e "$libdir/libkel.so.$soname" ] || { echo "consumer: no libkel.so.$soname for version $version"; exit 1; }
 
 for h in "$inc"/*.h; do echo "#include \"$(basename "$h")\""; done >"$work/all.cpp"
 "$cxx" "${strict[@]}" -fsyntax-only -I"$inc" "$work/all.cpp"
