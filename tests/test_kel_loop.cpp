@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -329,4 +331,115 @@ TEST_F(LoopTest, PostsAfterTheLoopHasEndedAreRefused) {
     EXPECT_FALSE(l->postCmd(SIG_APP));
     EXPECT_EQ(cap.count("event not posted, the loop has ended", LOG_WARN), 3);
     EXPECT_TRUE(l->eventQueue()->isEmpty());
+}
+
+// A turn serves due timers, then ready descriptors, then one event. Level-
+// triggered: a descriptor left unread comes again. An unwatch from a handler
+// takes effect at once, also for a readiness collected in the same wait.
+TEST_F(LoopTest, WatchedDescriptorsComeAfterDueTimersAndBeforeTheEvent) {
+    RecLoop* l = make();
+    struct Fds {
+        RecLoop* l;
+        int p[2][2];
+    } s{l, {}};
+    ATimer t;
+    t.setHandler([](ATimer*, void* p) { static_cast<RecLoop*>(p)->calls.push_back("timer"); }, l);
+    KelFdHandler h = [](int fd, unsigned ready, void* arg) {
+        Fds* s = static_cast<Fds*>(arg);
+        s->l->calls.push_back("fd " + std::to_string(ready));
+        char c;
+        if (s->l->calls.size() == 2) {
+            EXPECT_TRUE(s->l->unwatchFd(fd == s->p[0][0] ? s->p[1][0] : s->p[0][0]));
+        } else if (read(fd, &c, 1) == 1) {
+            s->l->exitLoop();
+        }
+    };
+    for (auto& p : s.p) {
+        ASSERT_EQ(pipe(p), 0);
+        ASSERT_EQ(write(p[1], "x", 1), 1);
+        ASSERT_TRUE(l->watchFd(p[0], KEL_FD_IN, h, &s));
+    }
+    t.restart(-5);
+    postGeneral(l, SIG_APP);
+    EXPECT_EQ(l->execLoop(), 0);
+    EXPECT_EQ(l->calls, (Calls{"timer", "fd 1", "app 9", "fd 1"}));
+    EXPECT_NE(l->unwatchFd(s.p[0][0]), l->unwatchFd(s.p[1][0])) << "one was unwatched by the handler";
+    for (auto& p : s.p) close(p[0]), close(p[1]);
+}
+
+// Once unwatchFd has returned on another thread the handler has ended and
+// is not called again; modifyFd changes what counts as ready.
+TEST_F(LoopTest, UnwatchFromAnotherThreadWaitsForTheRunningHandler) {
+    RecLoop* l = make();
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    ASSERT_EQ(write(p[1], "x", 1), 1);
+    struct S {
+        Gate in;
+        std::atomic<int> calls{0};
+        std::atomic<bool> inside{false};
+    } s;
+    KelFdHandler h = [](int, unsigned ready, void* arg) {  // never reads: called on every turn
+        S* s = static_cast<S*>(arg);
+        s->inside = true;
+        EXPECT_EQ(ready, KEL_FD_IN);
+        if (s->calls++ == 0) s->in.open();
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        s->inside = false;
+    };
+    EXPECT_FALSE(l->watchFd(-1, KEL_FD_IN, h, &s));
+    ASSERT_TRUE(l->watchFd(p[0], KEL_FD_OUT, h, &s));  // a read end is never writable
+    EXPECT_FALSE(l->watchFd(p[0], KEL_FD_IN, h, &s)) << "one registration per descriptor";
+    LoopRunner run(l);
+    postGeneral(l, SIG_APP);
+    ASSERT_TRUE(waitUntil([&] { return l->dispatched == 1; }));
+    EXPECT_EQ(s.calls, 0);
+    ASSERT_TRUE(l->modifyFd(p[0], KEL_FD_IN));
+    ASSERT_TRUE(s.in.wait());
+    EXPECT_TRUE(l->unwatchFd(p[0]));
+    EXPECT_FALSE(s.inside);
+    const int calls = s.calls;
+    postGeneral(l, SIG_APP);
+    ASSERT_TRUE(waitUntil([&] { return l->dispatched == 2; }));
+    EXPECT_EQ(s.calls, calls);
+    EXPECT_FALSE(l->unwatchFd(p[0]));
+    EXPECT_FALSE(l->modifyFd(p[0], KEL_FD_IN));
+    close(p[0]), close(p[1]);
+}
+
+// With ten descriptors watched, a post, a timer armed from another thread
+// and a readiness each end the wait; an idle loop does not wake at all.
+TEST_F(LoopTest, PostsTimersAndReadinessEndTheWaitAndAnIdleLoopSleeps) {
+    RecLoop* l = make();
+    int p[10][2];
+    std::atomic<int> reads{0}, fired{0}, tid{0};
+    KelFdHandler h = [](int fd, unsigned, void* arg) {
+        char c;
+        if (read(fd, &c, 1) == 1) ++*static_cast<std::atomic<int>*>(arg);
+    };
+    for (auto& f : p) ASSERT_TRUE(pipe(f) == 0 && l->watchFd(f[0], KEL_FD_IN, h, &reads));
+    l->onEvent = [&](const QEvt*) { tid = currentTid(); };
+    LoopRunner run(l);
+    ATimer t;
+    t.setHandler(count, &fired);
+    for (int i = 0; i < 30; ++i) {
+        postGeneral(l, SIG_APP);
+        ASSERT_TRUE(waitUntil([&] { return l->dispatched == i + 1; }));
+        t.restart(1);
+        ASSERT_TRUE(waitUntil([&] { return fired == i + 1; }));
+        ASSERT_EQ(write(p[i % 10][1], "x", 1), 1);
+        ASSERT_TRUE(waitUntil([&] { return reads == i + 1; }));
+    }
+    auto switches = [&] {
+        std::ifstream f("/proc/self/task/" + std::to_string(tid) + "/status");
+        long n = 0, sum = 0;
+        for (std::string k; f >> k;)
+            if (k.find("ctxt_switches:") != std::string::npos && f >> n) sum += n;
+        return sum;
+    };
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const long before = switches();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(switches(), before) << "an idle loop sleeps";
+    for (auto& f : p) EXPECT_TRUE(l->unwatchFd(f[0]) && close(f[0]) == 0 && close(f[1]) == 0);
 }
