@@ -367,43 +367,34 @@ TEST_F(LoopTest, WatchedDescriptorsComeAfterDueTimersAndBeforeTheEvent) {
     for (auto& p : s.p) close(p[0]), close(p[1]);
 }
 
-// Once unwatchFd has returned on another thread the handler has ended and
-// is not called again; modifyFd changes what counts as ready.
+// modifyFd changes what counts as ready; once unwatchFd has returned on
+// another thread the handler has ended and is not called again.
 TEST_F(LoopTest, UnwatchFromAnotherThreadWaitsForTheRunningHandler) {
     RecLoop* l = make();
     int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    ASSERT_EQ(write(p[1], "x", 1), 1);
-    struct S {
-        Gate in;
-        std::atomic<int> calls{0};
-        std::atomic<bool> inside{false};
-    } s;
-    KelFdHandler h = [](int, unsigned ready, void* arg) {  // never reads: called on every turn
-        S* s = static_cast<S*>(arg);
-        s->inside = true;
-        EXPECT_EQ(ready, KEL_FD_IN);
-        if (s->calls++ == 0) s->in.open();
+    ASSERT_TRUE(pipe(p) == 0 && write(p[1], "x", 1) == 1);
+    static std::atomic<int> calls{0}, inside{0};
+    KelFdHandler h = [](int, unsigned, void*) {  // never reads: called on every turn
+        inside = 1, ++calls;
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        s->inside = false;
+        inside = 0;
     };
-    EXPECT_FALSE(l->watchFd(-1, KEL_FD_IN, h, &s));
-    ASSERT_TRUE(l->watchFd(p[0], KEL_FD_OUT, h, &s));  // a read end is never writable
-    EXPECT_FALSE(l->watchFd(p[0], KEL_FD_IN, h, &s)) << "one registration per descriptor";
+    EXPECT_FALSE(l->watchFd(-1, KEL_FD_IN, h, nullptr));
+    ASSERT_TRUE(l->watchFd(p[0], KEL_FD_OUT, h, nullptr));  // a read end is never writable
+    EXPECT_FALSE(l->watchFd(p[0], KEL_FD_IN, h, nullptr)) << "one registration per descriptor";
     LoopRunner run(l);
     postGeneral(l, SIG_APP);
     ASSERT_TRUE(waitUntil([&] { return l->dispatched == 1; }));
-    EXPECT_EQ(s.calls, 0);
+    EXPECT_EQ(calls, 0);
     ASSERT_TRUE(l->modifyFd(p[0], KEL_FD_IN));
-    ASSERT_TRUE(s.in.wait());
+    ASSERT_TRUE(waitUntil([&] { return calls > 0; }));
     EXPECT_TRUE(l->unwatchFd(p[0]));
-    EXPECT_FALSE(s.inside);
-    const int calls = s.calls;
+    EXPECT_EQ(inside, 0);
+    const int n = calls;
     postGeneral(l, SIG_APP);
     ASSERT_TRUE(waitUntil([&] { return l->dispatched == 2; }));
-    EXPECT_EQ(s.calls, calls);
-    EXPECT_FALSE(l->unwatchFd(p[0]));
-    EXPECT_FALSE(l->modifyFd(p[0], KEL_FD_IN));
+    EXPECT_EQ(calls, n);
+    EXPECT_FALSE(l->unwatchFd(p[0]) || l->modifyFd(p[0], KEL_FD_IN));
     close(p[0]), close(p[1]);
 }
 
@@ -412,29 +403,28 @@ TEST_F(LoopTest, UnwatchFromAnotherThreadWaitsForTheRunningHandler) {
 TEST_F(LoopTest, PostsTimersAndReadinessEndTheWaitAndAnIdleLoopSleeps) {
     RecLoop* l = make();
     int p[10][2];
-    std::atomic<int> reads{0}, fired{0}, tid{0};
-    KelFdHandler h = [](int fd, unsigned, void* arg) {
+    static std::atomic<int> reads{0}, fired{0}, tid{0};
+    KelFdHandler h = [](int fd, unsigned, void*) {
         char c;
-        if (read(fd, &c, 1) == 1) ++*static_cast<std::atomic<int>*>(arg);
+        reads += static_cast<int>(read(fd, &c, 1));
     };
-    for (auto& f : p) ASSERT_TRUE(pipe(f) == 0 && l->watchFd(f[0], KEL_FD_IN, h, &reads));
+    for (auto& f : p) ASSERT_TRUE(pipe(f) == 0 && l->watchFd(f[0], KEL_FD_IN, h, nullptr));
     l->onEvent = [&](const QEvt*) { tid = currentTid(); };
     LoopRunner run(l);
     ATimer t;
     t.setHandler(count, &fired);
-    for (int i = 0; i < 30; ++i) {
+    for (int i = 1; i <= 30; ++i) {
         postGeneral(l, SIG_APP);
-        ASSERT_TRUE(waitUntil([&] { return l->dispatched == i + 1; }));
+        ASSERT_TRUE(waitUntil([&] { return l->dispatched == i; }));
         t.restart(1);
-        ASSERT_TRUE(waitUntil([&] { return fired == i + 1; }));
+        ASSERT_TRUE(waitUntil([&] { return fired == i; }));
         ASSERT_EQ(write(p[i % 10][1], "x", 1), 1);
-        ASSERT_TRUE(waitUntil([&] { return reads == i + 1; }));
+        ASSERT_TRUE(waitUntil([&] { return reads == i; }));
     }
-    auto switches = [&] {
+    auto switches = [&] {  // of the loop's thread
         std::ifstream f("/proc/self/task/" + std::to_string(tid) + "/status");
         long n = 0, sum = 0;
-        for (std::string k; f >> k;)
-            if (k.find("ctxt_switches:") != std::string::npos && f >> n) sum += n;
+        for (std::string k; f >> k;) sum += k.find("ctxt_switches:") != std::string::npos && f >> n ? n : 0;
         return sum;
     };
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
