@@ -154,11 +154,12 @@ struct Pipes {
 
 // A dispatch loop on its own thread, watching through a member handler.
 struct FdLoop : dispatch::Object, dispatch::Loop {
-    explicit FdLoop(dispatch::Queue* q) : thread([this, q] {
-        setQueue(q);
-        ready.store(true, std::memory_order_release);
-        exec();
-    }) {
+    explicit FdLoop(dispatch::Queue* q)
+        : thread([this, q] {
+              setQueue(q);
+              ready.store(true, std::memory_order_release);
+              exec();
+          }) {
         while (!ready.load(std::memory_order_acquire)) std::this_thread::yield();
     }
     ~FdLoop() {

@@ -386,7 +386,8 @@ bool Queue::watchFd(int fd, unsigned interest, Object::FdCallback fn, Object* ta
     }
     FdTarget* t = new FdTarget{fn, target};
     if (fn == nullptr || target == nullptr || !w->add(fd, interest, callFdTarget, t)) {
-        if (fn == nullptr || target == nullptr) KEL_LOG(LOG_WARN, "watchFd: no handler for descriptor %d", fd);
+        if (fn == nullptr || target == nullptr)
+            KEL_LOG(LOG_WARN, "watchFd: no handler for descriptor %d", fd);
         delete t;
         return false;
     }

@@ -320,7 +320,9 @@ TEST_F(Dispatch, LoopWatchesDescriptors) {
     FdLoop loop(&q, p[0][0], p[1][0]);
     Rec a(&trace, "a");
     Tick tick(&trace, "t", &q);
-    for (auto& f : p) ASSERT_TRUE(write(f[1], "x", 1) == 1 && loop.watchFd(f[0], KEL_FD_IN, FDFUNC(&FdLoop::onReady), &loop));
+    for (auto& f : p)
+        ASSERT_TRUE(write(f[1], "x", 1) == 1 &&
+                    loop.watchFd(f[0], KEL_FD_IN, FDFUNC(&FdLoop::onReady), &loop));
     std::thread t([&] { loop.exec(); });
     ASSERT_TRUE(waitUntil([&] { return loop.calls == 2; }));
     q.enqueue(FUNC(&Rec::hit), &a);
