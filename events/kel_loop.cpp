@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <limits.h>
 #include <sched.h>
-#include <string.h>
 #include <time.h>
 
 #include <memory>

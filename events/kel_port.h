@@ -66,7 +66,8 @@ public:
 
     // Wakes the loop's thread: counts one wake-up and, if the loop sleeps
     // and no other caller has woken it yet, takes the event mutex and
-    // signals the event condition. Any thread.
+    // signals the event condition, or, when the loop sleeps on watched
+    // descriptors, writes its eventfd. Any thread.
     static void signal();
     // The loop's timed wait until the absolute CLOCK_MONOTONIC `deadline`.
     // It does not sleep when a wake-up has been counted since `seen` or when
