@@ -338,33 +338,27 @@ TEST_F(LoopTest, PostsAfterTheLoopHasEndedAreRefused) {
 // takes effect at once, also for a readiness collected in the same wait.
 TEST_F(LoopTest, WatchedDescriptorsComeAfterDueTimersAndBeforeTheEvent) {
     RecLoop* l = make();
-    struct Fds {
-        RecLoop* l;
-        int p[2][2];
-    } s{l, {}};
+    static int p[2][2];
     ATimer t;
     t.setHandler([](ATimer*, void* p) { static_cast<RecLoop*>(p)->calls.push_back("timer"); }, l);
-    KelFdHandler h = [](int fd, unsigned ready, void* arg) {
-        Fds* s = static_cast<Fds*>(arg);
-        s->l->calls.push_back("fd " + std::to_string(ready));
+    KelFdHandler h = [](int fd, unsigned ready, void* arg) {  // 1st call: unwatches the other; 2nd: reads
+        RecLoop* l = static_cast<RecLoop*>(arg);
+        l->calls.push_back("fd " + std::to_string(ready));
         char c;
-        if (s->l->calls.size() == 2) {
-            EXPECT_TRUE(s->l->unwatchFd(fd == s->p[0][0] ? s->p[1][0] : s->p[0][0]));
+        if (l->calls.size() == 2) {
+            EXPECT_TRUE(l->unwatchFd(fd == p[0][0] ? p[1][0] : p[0][0]));
         } else if (read(fd, &c, 1) == 1) {
-            s->l->exitLoop();
+            l->exitLoop();
         }
     };
-    for (auto& p : s.p) {
-        ASSERT_EQ(pipe(p), 0);
-        ASSERT_EQ(write(p[1], "x", 1), 1);
-        ASSERT_TRUE(l->watchFd(p[0], KEL_FD_IN, h, &s));
-    }
+    for (auto& f : p)
+        ASSERT_TRUE(pipe(f) == 0 && write(f[1], "x", 1) == 1 && l->watchFd(f[0], KEL_FD_IN, h, l));
     t.restart(-5);
     postGeneral(l, SIG_APP);
     EXPECT_EQ(l->execLoop(), 0);
     EXPECT_EQ(l->calls, (Calls{"timer", "fd 1", "app 9", "fd 1"}));
-    EXPECT_NE(l->unwatchFd(s.p[0][0]), l->unwatchFd(s.p[1][0])) << "one was unwatched by the handler";
-    for (auto& p : s.p) close(p[0]), close(p[1]);
+    EXPECT_NE(l->unwatchFd(p[0][0]), l->unwatchFd(p[1][0])) << "one was unwatched by the handler";
+    for (auto& f : p) close(f[0]), close(f[1]);
 }
 
 // modifyFd changes what counts as ready; once unwatchFd has returned on
