@@ -83,6 +83,7 @@ private:
     // Caller holds `mMutex`.
     int find(int fd) const;
     bool open();
+    // Collector, `mMutex` released: the running handler has returned.
     void finish();
 
     pthread_mutex_t mMutex;
