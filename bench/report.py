@@ -30,6 +30,9 @@ PAIRS = [
     ("BM_Enqueue_Dispatch", "BM_Enqueue_CvExecutor", "dispatch enqueue, worker on other CPU"),
     ("BM_RoundTrip_Dispatch", "BM_RoundTrip_CvExecutor", "dispatch run() round trip vs cv hand-off"),
     ("BM_TimerLateness10ms_Dispatch", "BM_TimerLateness10ms_CvExecutor", "10 ms one-shot, time per shot"),
+    ("BM_FdLatency_Loop", "BM_FdLatency_Epoll", "readiness to handler, main loop vs epoll thread"),
+    ("BM_FdLatency_Dispatch", "BM_FdLatency_Epoll", "readiness to handler, dispatch loop vs epoll"),
+    ("BM_IdleWakeups_Loop", "BM_IdleWakeups_Epoll", "idle 0.5 s, 10 fds watched (see wakeups)"),
 ]
 
 SUFFIXES = ("/real_time", "/manual_time", "/iterations:1", "/iterations:200")
@@ -103,7 +106,7 @@ def main():
         r = lambda v: f"{v:.2f}x"
         print(f"{what:46} {spread(ka, f):>32} {spread(kb, f):>32} {spread(ratios, r):>20}")
         for label, runs in (("kel", a), ("baseline", b)):
-            extra = {k for x in runs for k in x if k.startswith(("late_", "cs_per_evt"))}
+            extra = {k for x in runs for k in x if k.startswith(("late_", "cs_per_evt", "wakeups"))}
             for k in sorted(extra):
                 vals = [x[k] for x in runs if k in x]
                 print(f"{'':4}{label} {k}: " + spread(vals, lambda v: f"{v:.3g}"))

@@ -10,6 +10,8 @@ set(KEL_SOURCES
   events/kel_set.cpp
   events/kel_evt_pool_queue.cpp
   events/kel_port.cpp
+  # descriptors watched by the main loop and by dispatch queues
+  events/kel_watch.cpp
   # main loop, timers, signals
   events/kel_timer.cpp
   events/app_timer.cpp

@@ -15,6 +15,7 @@
 #include "dispatch_process.h"
 #include "kel_atomic.h"
 #include "kel_lock.h"
+#include "kel_watch.h"
 
 namespace dispatch {
 
@@ -58,10 +59,20 @@ public:
     // the first piece of work that arrives while it sleeps wakes it, later
     // ones find it woken already and broadcast nothing. (A broadcast while
     // the sleeper is still on its way out of the wait costs a system call.)
+    // A thread asleep on watched descriptors is woken here, by the eventfd.
     bool takeSleeper() {
         bool s = sleeping;
         sleeping = false;
+        if (s && fdSleep) {
+            watch->kick();
+            return false;
+        }
         return s;
+    }
+    // Caller holds `mtx`. Wakes the processing thread whatever it waits on.
+    void wakeProcessor() {
+        pthread_cond_broadcast(&cond);
+        if (fdSleep) watch->kick();
     }
     void remove(Object::Callback1 fn, Object* fn_data);
     void procEventFunc();
@@ -70,8 +81,18 @@ public:
     void interrupt() { exitLoop.store(true, std::memory_order_relaxed); }
 
     // What the processing thread does next, in this order of priority.
-    enum class Step { HoldForLocker, RunCallback, RunTimer, Sleep, Return };
+    enum class Step { HoldForLocker, RunFd, RunCallback, RunTimer, Sleep, Return };
     Step nextStep(bool mayWait);
+
+    // Watched descriptors (dispatch_process.cpp). Caller holds `mtx`.
+    // Waits up to `waitUs` (0: a look only; INT64_MAX: no limit) for a
+    // readiness or a wake-up, with `mtx` released; true when readiness was
+    // collected.
+    bool collectFds(int64_t waitUs);
+    // Runs the handler of the next collected readiness like a callback:
+    // `locked` held, `mtx` released.
+    void procFd();
+    bool watching() const { return watch != nullptr && watch->active(); }
 
     // The explicit lock as the processing thread sees it. Caller holds
     // `mtx`. A callback holds `locked` while it runs, so that a thread in
@@ -123,6 +144,7 @@ public:
     DispatchItem* tail = nullptr;
     bool interrupted = false;
     bool sleeping = false;  // the processing thread waits for work or a timer
+    bool fdSleep = false;   // ... in epoll_wait on `watch`, not on `cond`
     bool locked = false;
     bool in_process = false;
     size_t lock_requests = 0;
@@ -130,6 +152,9 @@ public:
     Object::Callback1 wakeup_fn = nullptr;
     Object* wakeup_ctx = nullptr;
 
+    // Made by the first watchFd, lives as long as the body. The pointer is
+    // guarded by `mtx`; the table locks itself.
+    KelWatch* watch = nullptr;
     ItemTimer* timerhead = nullptr;
     LoopEvtItem* loopHead = nullptr;
     LoopEvtItem* loopTail = nullptr;

@@ -5,12 +5,33 @@
 
 #include <pthread.h>
 
+#include <climits>
 #include <exception>
 
 #include "common_log.h"
 #include "dispatch_private.h"
 
 namespace dispatch {
+
+namespace {
+
+// The member-function handler of a watched descriptor, made at registration.
+struct FdTarget {
+    Object::FdCallback fn;
+    Object* target;
+};
+
+void callFdTarget(int fd, unsigned ready, void* arg) {
+    FdTarget* t = static_cast<FdTarget*>(arg);
+    // `t` may be deleted by the handler itself (unwatchFd): read it first.
+    Object* target = t->target;
+    Object::FdCallback fn = t->fn;
+    (target->*fn)(fd, ready);
+}
+
+void releaseFdTarget(void* arg) { delete static_cast<FdTarget*>(arg); }
+
+}  // namespace
 
 QueuePrivate::QueuePrivate() {
     pthread_condattr_t attr;
@@ -29,6 +50,10 @@ QueuePrivate::~QueuePrivate() {
     KEL_ASSERT(!in_process);
     KEL_ASSERT(lock_requests == 0);
     KEL_ASSERT(!locked);
+    if (watch != nullptr) {
+        watch->drop(releaseFdTarget);
+        delete watch;
+    }
     while (timerhead != nullptr) {
         ItemTimer* t = timerhead;
         timerhead = nextTimer(t);
@@ -175,15 +200,56 @@ void QueuePrivate::wakeup() {
 }
 
 // Caller holds `mtx`. A thread waiting for the explicit lock comes first,
-// then pending callbacks, then due timers; with none of those the thread
-// sleeps when it may wait and was not interrupted, and returns otherwise.
+// then readiness collected by the last wait (so that it is not stale when
+// delivered), then pending callbacks, then due timers; with none of those the
+// thread sleeps when it may wait and was not interrupted, and returns
+// otherwise. Descriptors are looked at when it would sleep or return.
 QueuePrivate::Step QueuePrivate::nextStep(bool mayWait) {
     KEL_DEBUG_ASSERT(mutexHeld());
     if (lock_requests != 0) return Step::HoldForLocker;
+    if (watch != nullptr && watch->pending()) return Step::RunFd;
     if (head != nullptr) return Step::RunCallback;
     if (haveTigger()) return Step::RunTimer;
     if (!interrupted && mayWait) return Step::Sleep;
     return Step::Return;
+}
+
+bool QueuePrivate::collectFds(int64_t waitUs) {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    int ms = 0;
+    if (waitUs == INT64_MAX) {
+        ms = -1;
+    } else if (waitUs > 0) {
+        // Rounded up: the wait never ends before a timer is due.
+        int64_t up = (waitUs + 999) / 1000;
+        ms = up > INT_MAX ? INT_MAX : static_cast<int>(up);
+    }
+    // A wake-up between the unlock and epoll_wait stays in the eventfd.
+    sleeping = fdSleep = ms != 0;
+    int n;
+    {
+        OwnedMutex::Unlock unlocked(mtx);
+        n = watch->collect(ms);
+    }
+    sleeping = fdSleep = false;
+    KEL_ASSERT(n >= 0);
+    return watch->pending();
+}
+
+void QueuePrivate::procFd() {
+    KEL_DEBUG_ASSERT(mutexHeld());
+    beginCallback();
+    std::exception_ptr thrown;
+    {
+        OwnedMutex::Unlock unlocked(mtx);
+        try {
+            watch->deliverOne();
+        } catch (...) {
+            thrown = std::current_exception();
+        }
+    }
+    endCallback();
+    if (thrown) std::rethrow_exception(thrown);
 }
 
 // ---------------------------------------------------------------------------
@@ -261,6 +327,9 @@ void Queue::queueProcess(int timeout) {
             case QueuePrivate::Step::HoldForLocker:
                 d->mtx.wait(&d->cond);
                 break;
+            case QueuePrivate::Step::RunFd:
+                d->procFd();
+                break;
             case QueuePrivate::Step::RunCallback:
                 d->procEventFunc();
                 break;
@@ -270,6 +339,10 @@ void Queue::queueProcess(int timeout) {
             case QueuePrivate::Step::Sleep: {
                 d->wait = d->getWait();
                 if (d->wait < 1) break;
+                if (d->watching()) {
+                    d->collectFds(d->wait);
+                    break;
+                }
                 timespec now;
                 clock_gettime(CLOCK_MONOTONIC, &now);
                 timespec until = internal::timespecAfter(now, d->wait);
@@ -279,7 +352,8 @@ void Queue::queueProcess(int timeout) {
                 break;
             }
             case QueuePrivate::Step::Return:
-                more = false;
+                // Ready descriptors are work as well: one look before leaving.
+                more = d->watching() && d->collectFds(0);
                 break;
         }
     }
@@ -292,15 +366,56 @@ void Queue::queueProcess(int timeout) {
 void Queue::interrupt() {
     OwnedMutex::Lock guard(d->mtx);
     d->interrupted = true;
-    pthread_cond_broadcast(&d->cond);
+    d->wakeProcessor();
 }
 
 void Queue::adjustTimeout(long until) {
     OwnedMutex::Lock guard(d->mtx);
     if (d->in_process && static_cast<int64_t>(until) < d->wait) {
         d->wait = until;
-        pthread_cond_broadcast(&d->cond);
+        d->wakeProcessor();
     }
+}
+
+bool Queue::watchFd(int fd, unsigned interest, Object::FdCallback fn, Object* target) {
+    KelWatch* w;
+    {
+        OwnedMutex::Lock guard(d->mtx);
+        if (d->watch == nullptr) d->watch = new KelWatch;
+        w = d->watch;
+    }
+    FdTarget* t = new FdTarget{fn, target};
+    if (fn == nullptr || target == nullptr || !w->add(fd, interest, callFdTarget, t)) {
+        if (fn == nullptr || target == nullptr)
+            KEL_LOG(LOG_WARN, "watchFd: no handler for descriptor %d", fd);
+        delete t;
+        return false;
+    }
+    // A processing thread asleep on the condition moves to epoll_wait.
+    OwnedMutex::Lock guard(d->mtx);
+    if (d->sleeping && !d->fdSleep) pthread_cond_broadcast(&d->cond);
+    return true;
+}
+
+// The table locks itself; `mtx` only guards the pointer, which once set
+// stays for the life of the body.
+static KelWatch* watchOf(QueuePrivate* d, const char* op, int fd) {
+    OwnedMutex::Lock guard(d->mtx);
+    if (d->watch == nullptr) KEL_LOG(LOG_WARN, "%s: descriptor %d is not watched", op, fd);
+    return d->watch;
+}
+
+bool Queue::modifyFd(int fd, unsigned interest) {
+    KelWatch* w = watchOf(d, "modifyFd", fd);
+    return w != nullptr && w->modify(fd, interest);
+}
+
+bool Queue::unwatchFd(int fd) {
+    KelWatch* w = watchOf(d, "unwatchFd", fd);
+    void* t = nullptr;
+    if (w == nullptr || !w->remove(fd, &t)) return false;
+    releaseFdTarget(t);
+    return true;
 }
 
 void Queue::lock() {
@@ -396,5 +511,13 @@ void Loop::exec() {
 }
 
 void Loop::exit() { q->run(FUNC(&QueuePrivate::interrupt), d); }
+
+bool Loop::watchFd(int fd, unsigned interest, Object::FdCallback fn, Object* target) {
+    return q->watchFd(fd, interest, fn, target);
+}
+
+bool Loop::modifyFd(int fd, unsigned interest) { return q->modifyFd(fd, interest); }
+
+bool Loop::unwatchFd(int fd) { return q->unwatchFd(fd); }
 
 }  // namespace dispatch

@@ -42,6 +42,7 @@
 #include <atomic>
 
 #include "kel_export.h"
+#include "kel_fd.h"
 
 namespace dispatch {
 
@@ -53,6 +54,9 @@ public:
     // A no-argument member function of an Object subclass. A callback is
     // always such a pointer together with the target object it is called on.
     typedef void (Object::*Callback1)();
+    // The handler of a watched descriptor: the descriptor and the KEL_FD_*
+    // bits that are ready.
+    typedef void (Object::*FdCallback)(int fd, unsigned ready);
 
     virtual ~Object() {}
 };
@@ -62,6 +66,13 @@ public:
 template <typename T>
 inline Object::Callback1 FUNC(T fn) {
     return static_cast<Object::Callback1>(fn);
+}
+
+// Turns `&Derived::onReady` (taking int fd, unsigned ready) into an
+// FdCallback, as FUNC does.
+template <typename T>
+inline Object::FdCallback FDFUNC(T fn) {
+    return static_cast<Object::FdCallback>(fn);
 }
 
 // The handle of a dispatch queue.
@@ -143,6 +154,24 @@ public:
     // Logs the node counters of the process ("node pools: used=%d,
     // counts=%d").
     void profile();
+
+    // File descriptors watched by the queue. `(target->*fn)(fd, ready)` runs
+    // on the processing thread like a callback (no lock held, the explicit
+    // lock waits for it) whenever `fd` is ready for what `interest` names
+    // (KEL_FD_IN, KEL_FD_OUT; errors and hang-ups always come). While a
+    // descriptor is watched, queueProcess sleeps in epoll_wait (deadlines
+    // rounded up to the next millisecond) and looks at the descriptors
+    // whenever it would sleep or return, so ready descriptors count as work:
+    // pending callbacks and due timers come first, and a readiness collected
+    // is delivered before anything else. The rules are the main loop's
+    // (kel_loop.h): level-triggered, any thread, false with one log line for
+    // a bad descriptor, a second registration or an unknown one; once
+    // unwatchFd has returned on another thread the handler is not running
+    // and will not start; from the handler it takes effect at once; unwatch
+    // before close. Registration allocates; the turns after it do not.
+    bool watchFd(int fd, unsigned interest, Object::FdCallback fn, Object* target);
+    bool modifyFd(int fd, unsigned interest);
+    bool unwatchFd(int fd);
 
     Queue(const Queue&) = delete;
     Queue& operator=(const Queue&) = delete;
@@ -242,6 +271,11 @@ public:
     // Makes exec() end after delivering the events already posted; returns
     // once the request has been carried out on the loop's thread.
     void exit();
+
+    // The queue's watchFd, modifyFd and unwatchFd (see Queue).
+    bool watchFd(int fd, unsigned interest, Object::FdCallback fn, Object* target);
+    bool modifyFd(int fd, unsigned interest);
+    bool unwatchFd(int fd);
 
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;

@@ -205,7 +205,7 @@ void Timer::restart(int msec) {
     d->removeTimer(this);
     d->appendTimer(this);
     mIsRunning.store(true, std::memory_order_relaxed);
-    pthread_cond_broadcast(&d->cond);
+    d->wakeProcessor();
 }
 
 void Timer::stop() {

@@ -1,6 +1,7 @@
 #include "kel_loop.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <sched.h>
 #include <time.h>
 
@@ -12,6 +13,7 @@
 #include "kel_queue.h"
 #include "kel_signal.h"
 #include "kel_timer.h"
+#include "kel_watch.h"
 #include "state_list.h"
 #include "state_mache.h"
 
@@ -26,9 +28,23 @@ inline unsigned long selfId() { return static_cast<unsigned long>(pthread_self()
 
 bool queueIsEmpty(void* q) { return static_cast<KelQueue*>(q)->isEmpty(); }
 
+// The epoll timeout until the absolute `deadline`: -1 for the far future,
+// otherwise rounded up to the next millisecond, so that the wait never ends
+// before the deadline and the loop never spins on a timer not yet due.
+int msUntil(const timespec& deadline) {
+    if (deadline.tv_sec == 0x7fffffff) return -1;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    int64_t ns = (int64_t(deadline.tv_sec) - now.tv_sec) * 1000000000 + (deadline.tv_nsec - now.tv_nsec);
+    if (ns < 0) return 0;
+    int64_t ms = (ns + 999999) / 1000000;
+    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
+}
+
 }  // namespace
 
-KelLoop::KelLoop(unsigned int msgs) : state_mache(nullptr), thread_id(0) {
+KelLoop::KelLoop(unsigned int msgs) : state_mache(nullptr), watch(nullptr), thread_id(0) {
+    std::unique_ptr<KelWatch> w(new KelWatch);
     // Owned while the constructor runs, so that a failure leaks nothing. A
     // second loop fails at the timer list's pool: the table is full for good
     // once one loop has been built.
@@ -61,6 +77,7 @@ KelLoop::KelLoop(unsigned int msgs) : state_mache(nullptr), thread_id(0) {
     timer = t.release();
     gen_pool = gp.release();
     state_pool = sp.release();
+    watch = w.release();
     _timer = timer;
     __atomic_store_n(&_loop, this, __ATOMIC_RELEASE);  // read by the signal thread
 }
@@ -76,6 +93,7 @@ KelLoop::~KelLoop() {
     delete timer;
     delete[] gen_pool;
     delete[] state_pool;
+    delete watch;
 }
 
 unsigned long KelLoop::rand() {
@@ -133,6 +151,17 @@ void KelLoop::setStateMacheHandler(StateMache* state) {
 
 void KelLoop::exitLoop() { postCmd(SIG_EVENT_LOOP_EXIT); }
 
+bool KelLoop::watchFd(int fd, unsigned interest, KelFdHandler fn, void* arg) {
+    if (!watch->add(fd, interest, fn, arg)) return false;
+    // A loop asleep on its condition moves to epoll_wait on its next turn.
+    wakeupCore();
+    return true;
+}
+
+bool KelLoop::modifyFd(int fd, unsigned interest) { return watch->modify(fd, interest); }
+
+bool KelLoop::unwatchFd(int fd) { return watch->remove(fd); }
+
 void KelLoop::initThreadPrivate() { thread_id.store(selfId(), std::memory_order_relaxed); }
 
 KelLoop::Turn KelLoop::waitEvent(const QEvt*& evt) {
@@ -144,6 +173,7 @@ KelLoop::Turn KelLoop::waitEvent(const QEvt*& evt) {
         timer->processTimer();
         return kNextTurn;
     }
+    if (watch->active()) return waitWatched(evt, seen, val);
     // A waiting event comes before sleep. A loop woken by a poster on its
     // own CPU preempted that poster; before it sleeps again it gives the
     // CPU back once, so that the poster runs on and posts more without
@@ -172,6 +202,32 @@ KelLoop::Turn KelLoop::waitEvent(const QEvt*& evt) {
     }
     evt = queue->get();
     return kGotEvent;
+}
+
+KelLoop::Turn KelLoop::waitWatched(const QEvt*& evt, uint32_t seen, const timespec& deadline) {
+    // Due timers have been served. Then the ready descriptors: with an event
+    // waiting only a look, otherwise a sleep until the deadline, a wake-up
+    // (the eventfd that Kel::signal writes) or a readiness.
+    const bool sleeps = queue->isEmpty() && Kel::enterFdWait(seen, watch->wakeFd());
+    int n = watch->collect(sleeps ? msUntil(deadline) : 0);
+    if (sleeps) Kel::leaveFdWait();
+    if (n < 0) {
+        int err = errno;
+        KEL_LOG(LOG_ERROR, "timewait failed, ret = %d, %d", err, 1);
+        KEL_LOG(LOG_ERROR, "timeout: %ld, %ld", static_cast<long>(deadline.tv_sec),
+                static_cast<long>(deadline.tv_nsec));
+        return kWaitFailed;
+    }
+    while (watch->deliverOne()) {
+    }
+    // Then one event.
+    if (!queue->isEmpty()) {
+        evt = queue->get();
+        return kGotEvent;
+    }
+    // The deadline passed without a wake-up.
+    if (sleeps && n == 0) timer->processTimer();
+    return kNextTurn;
 }
 
 bool KelLoop::dispatchInner(const QEvt* evt) {

@@ -4,6 +4,8 @@
 // (`msgs` blocks each) and the timer list. One thread runs it with `execLoop`
 // (or repeated `getMessage`): each turn serves due timers first, then takes
 // one event, then sleeps in a timed wait until the next deadline or post.
+// With watched descriptors (`watchFd`) a turn serves due timers, then the
+// ready descriptors, then one event, and sleeps in epoll_wait.
 // A loop woken by a poster on its own CPU yields that CPU once before it
 // sleeps again, so that the poster runs on and its events are taken in one
 // stretch; only the first post after the loop has gone to sleep wakes it.
@@ -31,11 +33,13 @@
 #define KEL_EVENTS_KEL_LOOP_H
 
 #include <pthread.h>
+#include <time.h>
 
 #include <atomic>
 
 #include "event_def.h"
 #include "kel_export.h"
+#include "kel_fd.h"
 
 // Signals that KelLoop::enableSignals adds to SIGTERM and SIGPIPE.
 enum KelSignalMask : unsigned {
@@ -50,6 +54,7 @@ class KelPool;
 class KelTimer;
 class StateMache;
 class StateList;
+class KelWatch;
 
 class KEL_API KelLoop {
 public:
@@ -123,6 +128,28 @@ public:
     void setStateMacheHandler(StateMache* state);
     // Posts SIG_EVENT_LOOP_EXIT.
     void exitLoop();
+
+    // File descriptors watched by the loop. `fn(fd, ready, arg)` runs on the
+    // loop's thread, with no lock held, whenever `fd` is ready for what
+    // `interest` names (KEL_FD_IN, KEL_FD_OUT; errors and hang-ups always
+    // come): level-triggered, so a handler that leaves data unread is called
+    // again on the next turn, and one that gets KEL_FD_ERR or KEL_FD_HUP
+    // should unwatch. Any thread, also handlers. Each returns false with one
+    // log line for a bad descriptor (or null `fn`), a second registration, or
+    // an unknown one. Once `unwatchFd` has returned on another thread the
+    // handler is not running and will not start (do not call it there while
+    // holding something the handler waits for); from the handler it takes
+    // effect at once, even for a readiness already collected in the same
+    // wait. Closing a watched descriptor: the registration stays until
+    // removed; epoll forgets the closed description, so the handler is just
+    // not called again, but the number stays taken. Unwatch before close,
+    // and before a new descriptor with the same number is watched.
+    // Registration may allocate; the turns after it do not. While a
+    // descriptor is watched the loop sleeps in epoll_wait, with deadlines
+    // rounded up to the next millisecond; with none it sleeps as without.
+    bool watchFd(int fd, unsigned interest, KelFdHandler fn, void* arg);
+    bool modifyFd(int fd, unsigned interest);
+    bool unwatchFd(int fd);
     // Runs the loop on the calling thread: 0 on a normal stop (after
     // Kel::uninit; later posts are refused), -1 when the timed wait failed.
     int execLoop();
@@ -156,6 +183,8 @@ private:
     // One turn up to the taking of an event: due timers, then the queue,
     // then the timed wait. Loop thread only.
     Turn waitEvent(const QEvt*& evt);
+    // The same turn's wait while descriptors are watched. Loop thread only.
+    Turn waitWatched(const QEvt*& evt, uint32_t seen, const timespec& deadline);
     // The loop's own signals (8 and below). Returns whether the loop goes on.
     bool dispatchInner(const QEvt* evt);
 
@@ -166,6 +195,7 @@ private:
     GeneralQEvt* gen_pool;
     StateQEvt* state_pool;
     StateMache* state_mache;
+    KelWatch* watch;  // owned; the table locks itself
     // Written by the loop's thread on entry, read by posters.
     // Memory ordering: relaxed; a poster only compares it with its own id,
     // and any value it may read (0 or the loop's id) differs from its own.

@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 
@@ -32,11 +33,18 @@ Line<uint32_t> _g_generation{{0}};
 // Guards the pools outside init..uninit. Never destroyed.
 pthread_mutex_t _g_spare_mutex = PTHREAD_MUTEX_INITIALIZER;
 Line<uint32_t> _g_wakeups{{0}};
-// Raised by the loop's thread under the event mutex as it enters its timed
-// wait; lowered by the first poster that signals it (so later posters find
-// the wake-up pending and send none) or by the loop as it leaves the wait.
-// Memory ordering: sequentially consistent with _g_wakeups (see signal).
-Line<bool> _g_sleeping{{false}};
+// How the loop sleeps: kAwake, kOnCond (raised under the event mutex as it
+// enters its timed wait) or kOnFds (raised as it enters its wait on watched
+// descriptors). Lowered by the first poster that wakes it (so later posters
+// find the wake-up pending and send none) or by the loop as it leaves the
+// wait. Memory ordering: sequentially consistent with _g_wakeups (see
+// signal).
+enum : int { kAwake, kOnCond, kOnFds };
+Line<int> _g_sleeping{{kAwake}};
+// The eventfd that ends a wait on watched descriptors. Memory ordering:
+// relaxed; stored before kOnFds is raised and read after a poster took
+// kOnFds down, so the seq_cst pair on _g_sleeping orders it.
+std::atomic<int> _g_wake_fd{-1};
 
 // CPU of the poster that signalled the loop's current wait, -1 if none.
 // Memory ordering: relaxed; written and read under the event mutex.
@@ -159,10 +167,22 @@ void Kel::unlock() { releaseEventMutex(&Kel_event_mutex_); }
 //   not sleep.
 // So only the first poster after the loop goes to sleep pays for the mutex
 // and the signal: the others find the wake-up pending and return.
+//
+// A loop waiting on watched descriptors takes the same handshake without the
+// mutex: the poster writes the loop's eventfd, whose count outlasts a write
+// that comes before the loop is in epoll_wait.
 void Kel::signal() {
     _g_wakeups.v.fetch_add(1, std::memory_order_seq_cst);
-    if (!_g_sleeping.v.load(std::memory_order_seq_cst)) return;
-    if (!_g_sleeping.v.exchange(false, std::memory_order_seq_cst)) return;  // already being woken
+    if (_g_sleeping.v.load(std::memory_order_seq_cst) == kAwake) return;
+    int how = _g_sleeping.v.exchange(kAwake, std::memory_order_seq_cst);
+    if (how == kAwake) return;  // already being woken
+    if (how == kOnFds) {
+        uint64_t one = 1;
+        if (write(_g_wake_fd.load(std::memory_order_relaxed), &one, sizeof one) < 0) {
+            // Only a full counter refuses, and then a wake-up is pending.
+        }
+        return;
+    }
     pthread_mutex_t* m = acquireEventMutex();
     _g_waker_cpu.store(sched_getcpu(), std::memory_order_relaxed);
     pthread_mutex_unlock(m);
@@ -177,17 +197,27 @@ void Kel::signal() {
 int Kel::wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*), void* arg) {
     int ret = 0;
     lock();
-    _g_sleeping.v.store(true, std::memory_order_seq_cst);
+    _g_sleeping.v.store(kOnCond, std::memory_order_seq_cst);
     if (stillIdle(arg) && _g_wakeups.v.load(std::memory_order_seq_cst) == seen) {
         _g_waker_cpu.store(-1, std::memory_order_relaxed);
         ret = pthread_cond_timedwait(&Kel_event_cond_, &Kel_event_mutex_, deadline);
         int waker = _g_waker_cpu.load(std::memory_order_relaxed);
         _g_shared_cpu = waker >= 0 && waker == sched_getcpu();
     }
-    _g_sleeping.v.store(false, std::memory_order_relaxed);
+    _g_sleeping.v.store(kAwake, std::memory_order_relaxed);
     unlock();
     return ret;
 }
+
+bool Kel::enterFdWait(uint32_t seen, int wakeFd) {
+    _g_wake_fd.store(wakeFd, std::memory_order_relaxed);
+    _g_sleeping.v.store(kOnFds, std::memory_order_seq_cst);
+    if (_g_wakeups.v.load(std::memory_order_seq_cst) == seen) return true;
+    _g_sleeping.v.store(kAwake, std::memory_order_seq_cst);
+    return false;
+}
+
+void Kel::leaveFdWait() { _g_sleeping.v.store(kAwake, std::memory_order_seq_cst); }
 
 bool Kel::wokenFromOwnCpu() { return _g_shared_cpu; }
 

@@ -66,13 +66,20 @@ public:
 
     // Wakes the loop's thread: counts one wake-up and, if the loop sleeps
     // and no other caller has woken it yet, takes the event mutex and
-    // signals the event condition. Any thread.
+    // signals the event condition, or, when the loop sleeps on watched
+    // descriptors, writes its eventfd. Any thread.
     static void signal();
     // The loop's timed wait until the absolute CLOCK_MONOTONIC `deadline`.
     // It does not sleep when a wake-up has been counted since `seen` or when
     // `stillIdle(arg)` (asked under the event mutex) is false. Returns 0 or
     // the error of pthread_cond_timedwait. Loop thread only.
     static int wait(const timespec* deadline, uint32_t seen, bool (*stillIdle)(void*), void* arg);
+    // The loop's wait on watched descriptors, around its epoll_wait: raises
+    // the sleeper flag so that `signal` writes the eventfd `wakeFd` instead
+    // of signalling the condition. False (flag lowered: do not sleep) when a
+    // wake-up has been counted since `seen`. Loop thread only.
+    static bool enterFdWait(uint32_t seen, int wakeFd);
+    static void leaveFdWait();
     // True when the last sleep of `wait` was ended by a `signal` from a
     // thread on the CPU the loop now runs on: the loop then preempted its
     // poster. Loop thread only.

@@ -2,6 +2,7 @@
 // a queue, holds, and the heap. Plain order of queued calls is the fuzz
 // model's part.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -287,6 +288,61 @@ TEST_F(Dispatch, LoopDeliversEventsInPostOrderAfterCallbacksAndRunsAgain) {
     loop.post(4);
     t3.join();
     EXPECT_EQ(trace.str(), "a8971564");
+}
+
+namespace {
+struct FdLoop : Object, RecLoop {
+    FdLoop(Queue* q, int a, int b) : RecLoop(nullptr, q), fds{a, b} {}
+    void onReady(int fd, unsigned ready) {  // 1st call: unwatches the other; 2nd: reads; then sits a while
+        EXPECT_EQ(ready, KEL_FD_IN);
+        char c;
+        const int n = calls++;
+        live = n == 0 ? fd : live.load();
+        EXPECT_TRUE(n != 0 || unwatchFd(fd == fds[0] ? fds[1] : fds[0]));
+        EXPECT_TRUE(n != 1 || read(fd, &c, 1) == 1);
+        inside = n >= 2;
+        std::this_thread::sleep_for(n >= 2 ? 30ms : 0ms);
+        inside = false;
+    }
+    int fds[2];
+    std::atomic<int> calls{0}, live{-1};
+    std::atomic<bool> inside{false};
+};
+}  // namespace
+
+// A loop watching descriptors: level-triggered, an unwatch from the handler
+// drops a readiness already collected; a callback, an event and a timer
+// from other threads end its wait; an unwatch from another thread returns
+// once the running handler has.
+TEST_F(Dispatch, LoopWatchesDescriptors) {
+    Queue q;
+    int p[2][2];
+    ASSERT_TRUE(pipe(p[0]) == 0 && pipe(p[1]) == 0);
+    FdLoop loop(&q, p[0][0], p[1][0]);
+    Rec a(&trace, "a");
+    Tick tick(&trace, "t", &q);
+    for (auto& f : p)
+        ASSERT_TRUE(write(f[1], "x", 1) == 1 &&
+                    loop.watchFd(f[0], KEL_FD_IN, FDFUNC(&FdLoop::onReady), &loop));
+    std::thread t([&] { loop.exec(); });
+    ASSERT_TRUE(waitUntil([&] { return loop.calls == 2; }));
+    q.enqueue(FUNC(&Rec::hit), &a);
+    ASSERT_TRUE(waitUntil([&] { return a.calls == 1; }));
+    loop.post(3);
+    ASSERT_TRUE(waitUntil([&] { return loop.delivered == 3; }));
+    tick.timer.restart(1);
+    ASSERT_TRUE(waitUntil([&] { return tick.calls == 1; }));
+    EXPECT_EQ(loop.calls, 2);
+    ASSERT_EQ(write(p[0][0] == loop.live ? p[0][1] : p[1][1], "x", 1), 1);
+    ASSERT_TRUE(waitUntil([&] { return loop.calls > 2; }));
+    EXPECT_TRUE(loop.unwatchFd(loop.live));
+    EXPECT_FALSE(loop.inside);
+    const int calls = loop.calls;
+    drain(q);
+    EXPECT_EQ(loop.calls, calls);
+    loop.exit();
+    t.join();
+    for (auto& f : p) close(f[0]), close(f[1]);
 }
 
 // Two lockers never hold at once, nor while a callback runs.

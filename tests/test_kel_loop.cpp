@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -329,4 +331,99 @@ TEST_F(LoopTest, PostsAfterTheLoopHasEndedAreRefused) {
     EXPECT_FALSE(l->postCmd(SIG_APP));
     EXPECT_EQ(cap.count("event not posted, the loop has ended", LOG_WARN), 3);
     EXPECT_TRUE(l->eventQueue()->isEmpty());
+}
+
+// A turn serves due timers, then ready descriptors, then one event. Level-
+// triggered: a descriptor left unread comes again. An unwatch from a handler
+// takes effect at once, also for a readiness collected in the same wait.
+TEST_F(LoopTest, WatchedDescriptorsComeAfterDueTimersAndBeforeTheEvent) {
+    RecLoop* l = make();
+    static int p[2][2];
+    ATimer t;
+    t.setHandler([](ATimer*, void* p) { static_cast<RecLoop*>(p)->calls.push_back("timer"); }, l);
+    KelFdHandler h = [](int fd, unsigned ready, void* arg) {  // 1st call: unwatches the other; 2nd: reads
+        RecLoop* l = static_cast<RecLoop*>(arg);
+        l->calls.push_back("fd " + std::to_string(ready));
+        char c;
+        if (l->calls.size() == 2) {
+            EXPECT_TRUE(l->unwatchFd(fd == p[0][0] ? p[1][0] : p[0][0]));
+        } else if (read(fd, &c, 1) == 1) {
+            l->exitLoop();
+        }
+    };
+    for (auto& f : p)
+        ASSERT_TRUE(pipe(f) == 0 && write(f[1], "x", 1) == 1 && l->watchFd(f[0], KEL_FD_IN, h, l));
+    t.restart(-5);
+    postGeneral(l, SIG_APP);
+    EXPECT_EQ(l->execLoop(), 0);
+    EXPECT_EQ(l->calls, (Calls{"timer", "fd 1", "app 9", "fd 1"}));
+    EXPECT_NE(l->unwatchFd(p[0][0]), l->unwatchFd(p[1][0])) << "one was unwatched by the handler";
+    for (auto& f : p) close(f[0]), close(f[1]);
+}
+
+// modifyFd changes what counts as ready; once unwatchFd has returned on
+// another thread the handler has ended and is not called again.
+TEST_F(LoopTest, UnwatchFromAnotherThreadWaitsForTheRunningHandler) {
+    RecLoop* l = make();
+    int p[2];
+    ASSERT_TRUE(pipe(p) == 0 && write(p[1], "x", 1) == 1);
+    static std::atomic<int> calls{0}, inside{0};
+    KelFdHandler h = [](int, unsigned, void*) {  // never reads: called on every turn
+        inside = 1, ++calls;
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        inside = 0;
+    };
+    EXPECT_FALSE(l->watchFd(-1, KEL_FD_IN, h, nullptr));
+    ASSERT_TRUE(l->watchFd(p[0], KEL_FD_OUT, h, nullptr));  // a read end is never writable
+    EXPECT_FALSE(l->watchFd(p[0], KEL_FD_IN, h, nullptr)) << "one registration per descriptor";
+    LoopRunner run(l);
+    postGeneral(l, SIG_APP);
+    ASSERT_TRUE(waitUntil([&] { return l->dispatched == 1; }));
+    EXPECT_EQ(calls, 0);
+    ASSERT_TRUE(l->modifyFd(p[0], KEL_FD_IN));
+    ASSERT_TRUE(waitUntil([&] { return calls > 0; }));
+    EXPECT_TRUE(l->unwatchFd(p[0]));
+    EXPECT_EQ(inside, 0);
+    const int n = calls;
+    postGeneral(l, SIG_APP);
+    ASSERT_TRUE(waitUntil([&] { return l->dispatched == 2; }));
+    EXPECT_EQ(calls, n);
+    EXPECT_FALSE(l->unwatchFd(p[0]) || l->modifyFd(p[0], KEL_FD_IN));
+    close(p[0]), close(p[1]);
+}
+
+// With ten descriptors watched, a post, a timer armed from another thread
+// and a readiness each end the wait; an idle loop does not wake at all.
+TEST_F(LoopTest, PostsTimersAndReadinessEndTheWaitAndAnIdleLoopSleeps) {
+    RecLoop* l = make();
+    int p[10][2];
+    static std::atomic<int> reads{0}, fired{0}, tid{0};
+    KelFdHandler h = [](int fd, unsigned, void*) {
+        char c;
+        reads += static_cast<int>(read(fd, &c, 1));
+    };
+    for (auto& f : p) ASSERT_TRUE(pipe(f) == 0 && l->watchFd(f[0], KEL_FD_IN, h, nullptr));
+    l->onEvent = [&](const QEvt*) { tid = currentTid(); };
+    LoopRunner run(l);
+    ATimer t;
+    t.setHandler(count, &fired);
+    for (int i = 1; i <= 30; ++i) {
+        postGeneral(l, SIG_APP);
+        ASSERT_TRUE(waitUntil([&] { return l->dispatched == i; }));
+        t.restart(1);
+        ASSERT_TRUE(waitUntil([&] { return fired == i; }));
+        ASSERT_EQ(write(p[i % 10][1], "x", 1), 1);
+        ASSERT_TRUE(waitUntil([&] { return reads == i; }));
+    }
+    auto switches = [&] {  // of the loop's thread
+        std::ifstream f("/proc/self/task/" + std::to_string(tid) + "/status");
+        long n = 0, sum = 0;
+        for (std::string k; f >> k;) sum += k.find("ctxt_switches:") != std::string::npos && f >> n ? n : 0;
+        return sum;
+    };
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const long before = switches();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(switches(), before) << "an idle loop sleeps";
+    for (auto& f : p) EXPECT_TRUE(l->unwatchFd(f[0]) && close(f[0]) == 0 && close(f[1]) == 0);
 }
