@@ -154,11 +154,10 @@ private:
         for (char* nl; (nl = strchr(start, '\n')) != nullptr; start = nl + 1) {
             *nl = '\0';
             if (strncmp(start, "T=", 2) != 0) continue;
-            long t = atol(start + 2);
-            mQueue.lock();
+            // The processing thread: a reader holding the explicit lock
+            // holds this callback back, so no lock is needed here.
             ++mSamples;
-            mSum += t;
-            mQueue.unlock();
+            mSum += atol(start + 2);
             mSilence.restart(500);
         }
         mLen = static_cast<int>(strlen(start));
