@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "cv_worker.h"
 #include "dispatch_process.h"
 #include "kel_loop.h"
 #include "msg_logger.h"
@@ -50,8 +51,11 @@ struct Stamp {
 };
 
 // One round per iteration: write a byte, wait for the handler's stamp, and
-// count the time between the two.
-void measure(benchmark::State& state, int wfd, Stamp& s) {
+// count the time between the two. The writer and the handler's thread are
+// pinned to CPUs 0 and 1, so that every contender wakes across CPUs alike.
+void measure(benchmark::State& state, pthread_t handler, int wfd, Stamp& s) {
+    bench::pinThread(handler, 1);
+    bench::pinThread(pthread_self(), 0);
     for (auto _ : state) {
         s.at.store(0, std::memory_order_relaxed);
         int64_t t0 = nowNs();
@@ -60,6 +64,8 @@ void measure(benchmark::State& state, int wfd, Stamp& s) {
         while ((t1 = s.at.load(std::memory_order_acquire)) == 0) std::this_thread::yield();
         state.SetIterationTime(double(t1 - t0) / 1e9);
     }
+    bench::pinThread(handler, -1);
+    bench::pinThread(pthread_self(), -1);
 }
 
 class BenchLoop : public KelLoop {
@@ -180,7 +186,7 @@ void BM_FdLatency_Loop(benchmark::State& state) {
     Pipes p;
     Stamp s;
     loop->watchFd(p.p[0][0], KEL_FD_IN, Stamp::onReady, &s);
-    measure(state, p.p[0][1], s);
+    measure(state, host().thread.native_handle(), p.p[0][1], s);
     loop->unwatchFd(p.p[0][0]);
 }
 BENCHMARK(BM_FdLatency_Loop)->UseManualTime();
@@ -191,7 +197,7 @@ void BM_FdLatency_Dispatch(benchmark::State& state) {
     {
         FdLoop loop(&q);
         loop.watchFd(p.p[0][0], KEL_FD_IN, dispatch::FDFUNC(&FdLoop::onReady), &loop);
-        measure(state, p.p[0][1], loop.stamp);
+        measure(state, loop.thread.native_handle(), p.p[0][1], loop.stamp);
         loop.unwatchFd(p.p[0][0]);
     }
 }
@@ -201,7 +207,7 @@ void BM_FdLatency_Epoll(benchmark::State& state) {
     Pipes p;
     Stamp s;
     EpollThread t(p.readEnds(), 1, &s);
-    measure(state, p.p[0][1], s);
+    measure(state, t.thread.native_handle(), p.p[0][1], s);
 }
 BENCHMARK(BM_FdLatency_Epoll)->UseManualTime();
 
