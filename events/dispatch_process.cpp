@@ -322,6 +322,7 @@ void Queue::queueProcess(int timeout) {
             if (d != nullptr) d->in_process = false;
         }
     } leave{d};
+    bool looked = false;
     for (bool more = true; more;) {
         switch (d->nextStep(mayWait)) {
             case QueuePrivate::Step::HoldForLocker:
@@ -352,8 +353,11 @@ void Queue::queueProcess(int timeout) {
                 break;
             }
             case QueuePrivate::Step::Return:
-                // Ready descriptors are work as well: one look before leaving.
-                more = d->watching() && d->collectFds(0);
+                // Ready descriptors are work as well: one look before
+                // leaving, once per call, so that a descriptor that stays
+                // ready cannot keep the caller here.
+                more = !looked && d->watching() && d->collectFds(0);
+                looked = true;
                 break;
         }
     }

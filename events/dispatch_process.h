@@ -130,7 +130,8 @@ public:
     // more, and returns only once the queue has been interrupted (by
     // interrupt(), by any enqueue when no wakeup function is set, or by a
     // Loop post) and has run dry. With `timeout` <= 0 it returns as soon as
-    // there is no work; only the sign of `timeout` counts. It never returns
+    // there is no work; only the sign of `timeout` counts. Watched
+    // descriptors are looked at once before it returns. It never returns
     // while an explicit lock is requested or held.
     // One thread at a time; never from a callback of this queue.
     void queueProcess(int timeout);

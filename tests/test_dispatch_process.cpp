@@ -342,6 +342,11 @@ TEST_F(Dispatch, LoopWatchesDescriptors) {
     EXPECT_EQ(loop.calls, calls);
     loop.exit();
     t.join();
+    // A descriptor that stays ready is served once by queueProcess(0), which returns.
+    ASSERT_TRUE(loop.watchFd(loop.live, KEL_FD_IN, FDFUNC(&FdLoop::onReady), &loop));
+    q.queueProcess(0);
+    EXPECT_EQ(loop.calls, calls + 1);
+    EXPECT_TRUE(loop.unwatchFd(loop.live));
     for (auto& f : p) close(f[0]), close(f[1]);
 }
 
