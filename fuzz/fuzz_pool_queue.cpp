@@ -1,9 +1,6 @@
 // Random sequences of allocation, post, postLIFO, get, newRef_ and gc on the
 // event pools and a small queue, checked against a reference model: a deque
 // of queued events, a count of references per event and free blocks per pool.
-#include <stddef.h>
-#include <stdint.h>
-
 #include <algorithm>
 #include <deque>
 #include <map>
@@ -27,19 +24,13 @@ struct Model {
 
     unsigned queueFree() const { return kRing + 1 - static_cast<unsigned>(queue.size()); }
     void lifo(const QEvt* e) {  // a full queue drops its newest entry
-        bool full = queueFree() == 0;
+        if (queueFree() == 0 && refs.count(queue.back())) release(queue.back());
+        if (queueFree() == 0) queue.pop_back();
         queue.push_front(e);
-        if (!full) return;
-        const QEvt* victim = queue.back();
-        queue.pop_back();
-        if (refs.count(victim)) release(victim);
     }
     void forget(QEvt* e) { holds.erase(std::find(holds.begin(), holds.end(), e)); }
     void release(const QEvt* e) {
-        if (--refs[e] > 0) return;
-        nFree[poolOf[e]]++;
-        refs.erase(e);
-        poolOf.erase(e);
+        if (--refs[e] <= 0) nFree[poolOf[e]]++, refs.erase(e), poolOf.erase(e);
     }
     void take(const QEvt* e) {  // the front event, as get handed it out
         FUZZ_CHECK(!queue.empty() && e == queue.front());
@@ -80,9 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         switch (op % 8) {
             case 0: {  // allocate from the first pool with blocks big enough
                 if (m.holds.size() >= 64) break;
-                unsigned sz = (arg & 2)   ? sizeof(StateQEvt) + 8
-                              : (arg & 1) ? sizeof(StateQEvt)
-                                          : sizeof(GeneralQEvt);
+                unsigned sz = (arg & 2) ? sizeof(StateQEvt) + 8 : (arg & 1) ? sizeof(StateQEvt) : sizeof(GeneralQEvt);
                 int idx = -1;
                 for (unsigned i = 0; i < m.nFree.size() && idx < 0; ++i)
                     if (Kel::Kel_pool_[i]->getBlockSize() >= sz && m.nFree[i] > 0) idx = static_cast<int>(i);
@@ -92,9 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     break;
                 }
                 FUZZ_CHECK(e != nullptr && e->poolId_ == idx + 1 && e->refCtr_ == 0 && e->sig == 200 + arg);
-                m.nFree[idx]--;
-                m.refs[e] = 0;
-                m.poolOf[e] = idx;
+                m.nFree[idx]--, m.refs[e] = 0, m.poolOf[e] = idx;
                 m.holds.push_back(e);
                 break;
             }
@@ -102,11 +89,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (!postable) break;
                 unsigned margin = (arg >> 4) % 3;
                 bool got = q.post(held, margin);
-                FUZZ_CHECK(got == (m.queueFree() > margin));
-                if (!got) {
-                    FUZZ_CHECK(fuzz::lastLineIs("event not posted"));
-                    break;
-                }
+                FUZZ_CHECK(got == (m.queueFree() > margin) && (got || fuzz::lastLineIs("event not posted")));
+                if (!got) break;
                 m.refs[held]++;
                 m.queue.push_back(held);
                 if (fresh) m.forget(held);
@@ -139,14 +123,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             case 6: {  // a record from no pool keeps its count
                 QEvt* e = &gStatic[arg & 1];
-                if (arg & 2) {
-                    q.postLIFO(e);
-                    m.lifo(e);
-                } else {
-                    bool want = m.queueFree() > 0;
+                bool want = m.queueFree() > 0;
+                if (arg & 2)
+                    q.postLIFO(e), m.lifo(e);
+                else
                     FUZZ_CHECK(q.post(e, 0) == want);
-                    if (want) m.queue.push_back(e);
-                }
+                if (!(arg & 2) && want) m.queue.push_back(e);
                 FUZZ_CHECK(e->refCtr_ == 0);
                 break;
             }

@@ -1,21 +1,10 @@
 // The thread pool behind DaemonThread: reuse in order, one pass per start,
 // names, failures to make a thread or to allocate, and many starters.
-#include <gtest/gtest.h>
-
-#include <string.h>
-#include <unistd.h>
-
-#include <atomic>
-
 #ifdef __SANITIZE_ADDRESS__
 #include <sanitizer/lsan_interface.h>
 #endif
 
-#include "daemon_pool.h"
-#include "daemon_thread.h"
-#include "kel_dispatch.h"
 #include "support/fault_hooks.h"
-#include "support/log_capture.h"
 #include "support/loop_harness.h"
 
 namespace {

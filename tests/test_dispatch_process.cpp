@@ -1,14 +1,6 @@
 // Dispatch queues: run, processing modes, misuse, timers, the event loop on
 // a queue, holds, and the heap. Plain order of queued calls is the fuzz
 // model's part.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <climits>
-#include <stdexcept>
-
 #include "dispatch_private.h"  // timespecAfter, firesBefore
 #include "support/fault_hooks.h"
 #include "support/loop_harness.h"

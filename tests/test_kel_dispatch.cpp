@@ -1,12 +1,4 @@
 // Work queues on pooled threads and the rendezvous.
-#include <signal.h>
-#include <unistd.h>
-
-#include <atomic>
-
-#include "daemon_pool.h"
-#include "daemon_thread.h"
-#include "kel_dispatch.h"
 #include "kel_thread.h"
 #include "support/loop_harness.h"
 

@@ -1,18 +1,4 @@
 // Pools, the queue and the reference counts of the event core.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <stdexcept>
-#include <thread>
-#include <vector>
-
-#include "kel_pool.h"
-#include "kel_port.h"
-#include "kel_queue.h"
-#include "kel_timer.h"
-#include "support/log_capture.h"
 #include "support/loop_harness.h"
 
 namespace {

@@ -1,22 +1,8 @@
 // The main loop: dispatch table, order of timers and events, wake-ups,
 // getMessage, misuse, exhausted pools and a full queue, load from several
 // threads.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "app_timer.h"
-#include "kel_pool.h"
-#include "kel_port.h"
-#include "kel_queue.h"
 #include "kel_state.h"
-#include "kel_timer.h"
 #include "state_mache.h"
-#include "support/log_capture.h"
 #include "support/loop_harness.h"
 
 namespace {

@@ -1,18 +1,9 @@
 // The event path and the timers touch no heap after start-up. This binary
 // counts every heap allocation (operator new always; malloc too where no
 // sanitizer owns it) while events and timers run.
-#include <gtest/gtest.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <new>
-#include <thread>
-
-#include "app_timer.h"
-#include "kel_loop.h"
-#include "kel_port.h"
 #include "support/fault_hooks.h"
 #include "support/loop_harness.h"
 

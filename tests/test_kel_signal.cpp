@@ -1,30 +1,14 @@
 // Start-up switches and real operating-system signals: which handler is
 // installed, what each branch of it does, and a storm of signals against a
 // busy loop.
-#include <gtest/gtest.h>
-
 #include <pthread.h>
-#include <signal.h>
 #include <stdarg.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "common_log.h"
-#include "kel_loop.h"
-#include "kel_port.h"
-#include "kel_queue.h"
-#include "support/log_capture.h"
 #include "support/loop_harness.h"
 
 namespace {
@@ -41,14 +25,7 @@ std::string pidText(const char* fmt) {
 
 // ------------------------------------------------------- start-up switches
 
-struct Switches {
-    unsigned defLevel;
-    bool handlers, logging;
-};
-
-void PrintTo(const Switches& s, std::ostream* os) { *os << std::hex << "0x" << s.defLevel; }
-
-class InitAll : public ::testing::TestWithParam<Switches> {};
+class InitAll : public ::testing::TestWithParam<unsigned> {};
 
 void expectHandlerState(bool installed) {
     struct sigaction term, pipe;
@@ -61,28 +38,26 @@ void expectHandlerState(bool installed) {
 }
 
 TEST_P(InitAll, SwitchBitsSelectHandlersAndLogging) {
-    const Switches& sw = GetParam();
+    const bool handlers = !(GetParam() & kNoHandlers), logging = !(GetParam() & kNoLogging);
     unsetenv("KEL_LOG_LEVEL");
     kellog::kel_log_set_level(LOG_INFO);
     char conf[] = "/tmp/kel-conf-XXXXXX";
     int fd = mkstemp(conf);
     ASSERT_EQ(write(fd, "level=20\n", 9), 9);
     close(fd);
-    KelLoop::init_all(sw.defLevel, "kel-probe-name", conf);  // the level comes from confpath
+    KelLoop::init_all(GetParam(), "kel-probe-name", conf);  // the level comes from confpath
     unlink(conf);
     EXPECT_TRUE(Kel::isAlive());
-    expectHandlerState(sw.handlers);
-    EXPECT_EQ(threadsNamed("kel-signal"), sw.handlers ? 1 : 0);
-    EXPECT_EQ(kellog::kel_log_get_level(), sw.logging ? LOG_DUMP : LOG_INFO);
+    expectHandlerState(handlers);
+    EXPECT_EQ(threadsNamed("kel-signal"), handlers ? 1 : 0);
+    EXPECT_EQ(kellog::kel_log_get_level(), logging ? LOG_DUMP : LOG_INFO);
     KelLoop::uninit_all();
     EXPECT_FALSE(Kel::isAlive());
-    expectHandlerState(sw.handlers);  // uninit_all restores nothing
+    expectHandlerState(handlers);  // uninit_all restores nothing
 }
 
-INSTANTIATE_TEST_SUITE_P(DefLevel, InitAll,
-                         ::testing::Values(Switches{0xff, true, true}, Switches{kNoHandlers, false, true},
-                                           Switches{kNoLogging, true, false},
-                                           Switches{kNoHandlers | kNoLogging, false, false}));
+INSTANTIATE_TEST_SUITE_P(DefLevel, InitAll, ::testing::Values(0xff, kNoHandlers, kNoLogging, kNoHandlers | kNoLogging),
+                         [](const ::testing::TestParamInfo<unsigned>& i) { return std::to_string(i.param); });
 
 // ------------------------------------------------------------ signal loop
 
@@ -102,7 +77,7 @@ public:
     void procSubMsg(const QEvt* e) override {
         loopTid.store(currentTid());
         received.fetch_add(1);
-        long msg = static_cast<const GeneralQEvt*>(e)->message;
+        long msg = static_cast<const GeneralQEvt*>(e)->lParam;
         if (recordOrder) order.push_back("app " + std::to_string(msg));
         if (msg == stopOnMessage) exitLoop();
     }
@@ -114,14 +89,7 @@ public:
     std::vector<std::string> order;
 };
 
-bool postApp(long msg) {
-    GeneralQEvt* e = static_cast<GeneralQEvt*>(KelLoop::newEvt(kAppSig, sizeof(GeneralQEvt)));
-    if (e == nullptr) return false;
-    e->message = msg;
-    if (_loop->post(e)) return true;
-    Kel::gc(e);
-    return false;
-}
+bool postApp(long msg) { return postGeneral(_loop, kAppSig, 0, msg); }
 
 class SignalLoop : public KelTest {
 protected:

@@ -1,13 +1,8 @@
 // SimpleThread: the frame of a pass, restarts, joins, names, cancellation
 // and a failure to make the thread.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-
 #include "kel_thread.h"
 #include "support/fault_hooks.h"
-#include "support/log_capture.h"
 #include "support/loop_harness.h"
 
 namespace {

@@ -1,18 +1,5 @@
 // Timers of the main loop: deadlines, firing order, re-arming, stopping
 // across threads, and the end of the loop.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <climits>
-#include <stdexcept>
-#include <thread>
-#include <vector>
-
-#include "app_timer.h"
-#include "kel_pool.h"
-#include "kel_port.h"
-#include "kel_timer.h"
-#include "support/log_capture.h"
 #include "support/loop_harness.h"
 
 namespace {

@@ -1,18 +1,7 @@
 // The logging stand-in: line layout, threshold, configuration, formatting,
 // and writing to a reader that has gone away.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <climits>
-#include <stdexcept>
-#include <string>
-
 #include "common_log.h"
-#include "msg_logger.h"
-#include "support/log_capture.h"
+#include "support/loop_harness.h"
 
 namespace {
 

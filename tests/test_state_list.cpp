@@ -1,7 +1,5 @@
 // Events held back before the machine is initialised: what is kept, what
 // the filter is asked, and the order in which the loop replays them.
-#include <gtest/gtest.h>
-
 #include "support/state_recorder.h"
 
 // A message held twice keeps its first place with its latest payload; the

@@ -3,15 +3,8 @@
 // promptly and with status 0: no hang in the pool's teardown, no crash.
 // Under valgrind, memory errors or leaks give the child valgrind's error
 // status and fail the case too.
-#include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-
-#include "daemon_pool.h"
-#include "daemon_thread.h"
-#include "kel_dispatch.h"
 #include "support/loop_harness.h"
 
 namespace {

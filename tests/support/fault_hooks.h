@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
+#include <stddef.h>
 #include <stdlib.h>
 
 #include <atomic>

@@ -1,21 +1,11 @@
 #include "loop_harness.h"
 
 #include <dirent.h>
-#include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <fstream>
-
-#include "daemon_pool.h"
-#include "kel_pool.h"
-#include "kel_port.h"
-#include "kel_timer.h"
-#include "log_capture.h"
 
 namespace {
 
@@ -49,10 +39,7 @@ bool waitUntil(const std::function<bool()>& pred, double seconds) {
     for (int polls = 0; std::chrono::steady_clock::now() < end; ++polls) {
         if (pred()) return true;
         // Short waits are polled closely, long ones gently.
-        if (polls < 2000)
-            std::this_thread::yield();
-        else
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        polls < 2000 ? std::this_thread::yield() : std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return pred();
 }
@@ -89,9 +76,8 @@ std::vector<std::string> threadNames() {
 }
 
 int threadsNamed(const std::string& name) {
-    int n = 0;
-    for (const std::string& t : threadNames()) n += t == name ? 1 : 0;
-    return n;
+    std::vector<std::string> all = threadNames();
+    return static_cast<int>(std::count(all.begin(), all.end(), name));
 }
 
 std::vector<std::string> strayThreads() {

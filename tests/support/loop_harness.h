@@ -8,17 +8,36 @@
 #define KEL_TESTS_SUPPORT_LOOP_HARNESS_H
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "app_timer.h"
+#include "daemon_pool.h"
+#include "daemon_thread.h"
 #include "dispatch_process.h"
 #include "event_def.h"
+#include "kel_dispatch.h"
 #include "kel_loop.h"
+#include "kel_pool.h"
+#include "kel_port.h"
+#include "kel_queue.h"
+#include "kel_timer.h"
+#include "support/log_capture.h"
 
 // Ends the process with status 2 and a message when the test has not
 // finished after `seconds`, so that a hang fails instead of blocking CI.
