@@ -11,7 +11,6 @@
 
 struct CapturedLine {
     int level;
-    std::string func;
     std::string text;
 };
 

@@ -153,22 +153,6 @@ int dispatchNodesUsed(dispatch::Queue& q, int* made) {
     return used;
 }
 
-LoopRunner::LoopRunner(KelLoop* loop) : mLoop(loop), mResult(-2), mJoined(false) {
-    mThread = std::thread([this] { mResult = mLoop->execLoop(); });
-}
-
-LoopRunner::~LoopRunner() {
-    if (mJoined) return;
-    mLoop->exitLoop();
-    mThread.join();
-}
-
-int LoopRunner::join() {
-    mThread.join();
-    mJoined = true;
-    return mResult;
-}
-
 void KelTest::SetUp() { KelLoop::init_all(0x3000000, "kel-test", nullptr); }
 
 void KelTest::TearDown() {

@@ -102,18 +102,17 @@ void installKelHandlerFor(int sig);
 // `made` (if given) receives the nodes made.
 int dispatchNodesUsed(dispatch::Queue& q, int* made = nullptr);
 
-// Runs `execLoop` of a loop on a thread of its own.
-class LoopRunner {
-public:
-    explicit LoopRunner(KelLoop* loop);
-    ~LoopRunner();
-    int join();  // waits for execLoop to return; its result
-
-private:
-    KelLoop* mLoop;
-    std::thread mThread;
-    int mResult;
-    bool mJoined;
+// Runs `execLoop` of a loop on a thread of its own; join() waits for it to
+// return and gives its result. Not joined, it is ended by exitLoop.
+struct LoopRunner {
+    explicit LoopRunner(KelLoop* l) : loop(l), thread([this] { result = loop->execLoop(); }) {}
+    ~LoopRunner() {
+        if (thread.joinable()) loop->exitLoop(), thread.join();
+    }
+    int join() { return thread.join(), result; }
+    KelLoop* loop;
+    int result = -2;
+    std::thread thread;
 };
 
 // Starts the framework without signal handling or logging set-up; at the
