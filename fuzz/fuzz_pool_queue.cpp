@@ -1,6 +1,7 @@
 // Random sequences of allocation, post, postLIFO, get, newRef_ and gc on the
-// event pools and a small queue, checked against a reference model: a deque
-// of queued events, a count of references per event and free blocks per pool.
+// event pools and a small queue (a front slot and no ring or a ring of up to
+// three), checked against a reference model: a deque of queued events, a
+// count of references per event and free blocks per pool.
 #include <algorithm>
 #include <deque>
 #include <map>
@@ -14,15 +15,14 @@
 
 namespace {
 
-constexpr unsigned kRing = 3;  // the queue holds kRing + 1 events
-
 struct Model {
+    unsigned ring = 0;  // the queue holds ring + 1 events
     std::vector<unsigned> nFree;  // per pool
     std::deque<const QEvt*> queue;
     std::map<const QEvt*, int> refs, poolOf;  // live pool events: count, pool (a freed header is gone)
     std::vector<QEvt*> holds;                 // references held by the fuzzer
 
-    unsigned queueFree() const { return kRing + 1 - static_cast<unsigned>(queue.size()); }
+    unsigned queueFree() const { return ring + 1 - static_cast<unsigned>(queue.size()); }
     void lifo(const QEvt* e) {  // a full queue drops its newest entry
         if (queueFree() == 0 && refs.count(queue.back())) release(queue.back());
         if (queueFree() == 0) queue.pop_back();
@@ -57,11 +57,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     fuzz::Input in(data, size);
     Model m;
+    m.ring = static_cast<unsigned>(size % 4);
     for (unsigned i = 0; i < Kel::Kel_maxPool_; ++i) m.nFree.push_back(Kel::Kel_pool_[i]->getNTot());
     checkPools(m);
-    const QEvt* ring[kRing];
+    const QEvt* ring[3];
     KelQueue q;
-    q.init(ring, kRing);
+    q.init(m.ring ? ring : nullptr, m.ring);
 
     while (in.more()) {
         uint8_t op = in.byte(), arg = in.byte();

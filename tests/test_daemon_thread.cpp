@@ -9,8 +9,6 @@
 
 namespace {
 
-bool poolIdle() { return kel_pool_counts().used == 0; }
-
 struct Task : public DaemonThread {
     std::function<void(Task&)> onRun, onExit;
     std::atomic<int> runs{0}, exits{0};

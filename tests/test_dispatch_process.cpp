@@ -1,7 +1,6 @@
 // Dispatch queues: run, processing modes, misuse, timers, the event loop on
 // a queue, holds, and the heap. Plain order of queued calls is the fuzz
 // model's part.
-#include "dispatch_private.h"  // timespecAfter
 #include "support/fault_hooks.h"
 #include "support/loop_harness.h"
 
@@ -116,17 +115,6 @@ TEST_F(Dispatch, RunAndProcessingWithAWakeupFunction) {
     EXPECT_FALSE(done) << "processing with a wakeup function waits for an interrupt";
     q.interrupt();
     worker.join();
-}
-
-TEST(DispatchTime, DeadlinesCarryAndClampSeconds) {
-    auto after = [](time_t s, long ns, int64_t us) {
-        timespec r = dispatch::internal::timespecAfter({s, ns}, us);
-        return std::to_string(r.tv_sec) + "." + std::to_string(r.tv_nsec);
-    };
-    EXPECT_EQ(after(5, 700000000, 1500000), "7.200000000");
-    EXPECT_EQ(after(5, 0, -1), "4.999999000");
-    EXPECT_EQ(after(5, 1000, -1), "5.0");
-    EXPECT_EQ(after(100, 0, INT64_MAX), "10000100.775807000");
 }
 
 // Nested processing, locks from a callback, null targets and out-of-range

@@ -4,8 +4,6 @@
 
 namespace {
 
-bool poolIdle() { return kel_pool_counts().used == 0; }
-
 std::atomic<int> gDone{0};
 bool doneReaches(int n) {
     return waitUntil([n] { return gDone >= n; }, 60);

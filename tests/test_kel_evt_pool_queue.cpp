@@ -47,21 +47,6 @@ TEST(KelPool, CuttingMarginOrderAndMisuse) {
     EXPECT_EQ(Kel::Kel_maxPool_, 3u);
 }
 
-// Without a ring the queue holds one event, which a LIFO post displaces.
-// (Order, margins, counts and LIFO on a full ring: fuzz_pool_queue.)
-TEST(KelQueue, WithoutRingHoldsOneEvent) {
-    QEvt ev[3];
-    for (QEvt& e : ev) e.sig = SIG_INNER_PROC + 1;  // application events may give way
-    KelQueue none;
-    none.init(nullptr, 0);
-    EXPECT_TRUE(none.post(&ev[0], 0));
-    EXPECT_FALSE(none.post(&ev[1], 0));
-    none.postLIFO(&ev[2]);
-    EXPECT_EQ(none.get(), &ev[2]);
-    EXPECT_EQ(none.get(), nullptr);
-    EXPECT_EQ(none.getNFree(), 1u);
-}
-
 using EventStore = KelTest;
 
 // A record of no pool keeps its count and its release asserts; after the

@@ -75,12 +75,8 @@ TEST_F(KelLoopHeap, PostersSharingTheLoopsCpuAreServedInBatches) {
     std::thread posters[2];
     for (std::thread& t : posters) {
         t = std::thread([&] {
-            for (int i = 0; i < kPerPoster; ++i) {
-                QEvt* e;
-                while ((e = KelLoop::newEvt(SIG_INNER_PROC + 1, sizeof(GeneralQEvt))) == nullptr)
-                    sched_yield();
-                while (!loop.post(e)) sched_yield();
-            }
+            for (int i = 0; i < kPerPoster; ++i)
+                while (!postGeneral(&loop, SIG_INNER_PROC + 1)) sched_yield();
         });
     }
     for (std::thread& t : posters) t.join();

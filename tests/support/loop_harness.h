@@ -74,6 +74,8 @@ std::vector<std::string> threadNames();
 int threadsNamed(const std::string& name);
 // Threads besides the main thread, "kel-signal" and a sanitizer's helper.
 std::vector<std::string> strayThreads();
+// No pooled thread is busy.
+inline bool poolIdle() { return kel_pool_counts().used == 0; }
 // True once strayThreads() is empty, within 10 s (a joined thread may be
 // listed for a moment while the kernel finishes it).
 bool waitForNoStrayThreads();
