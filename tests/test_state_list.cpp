@@ -8,16 +8,13 @@
 TEST_F(MacheFixture, HeldBackReplayedOldestFirstAheadOfQueueWithLatestPayload) {
     ScriptedState* s = addState();
     s->onTranslate = [](const StateQEvt*) { return int(state::STATE_RETURN_NORMAL); };
-    ASSERT_TRUE(postStateEvt(100));  // already queued when initialize runs
+    ASSERT_TRUE(loop->post(newStateEvt(100)));  // already queued when initialize runs
     loop->exitLoop();
     long id = 1;
     for (long m : {5, 7, 5, 9, 4}) ASSERT_FALSE(deliver(m, id++));
     int marker = 0;
     StateQEvt full;
-    full.stateMsg = 6;
-    full.wParam = 12;
-    full.lParam = -13;
-    full.pHander = &marker;
+    full.stateMsg = 6, full.wParam = 12, full.lParam = -13, full.pHander = &marker;
     ASSERT_FALSE(mache->procState(&full));
     mache->unwanted = {4};
     mache->initialize();

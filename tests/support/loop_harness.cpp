@@ -108,34 +108,23 @@ double stressSeconds(double dflt) {
     return v > 0 ? v : 10.0;
 }
 
-void expectPoolsFull(KelLoop* loop) {
-    for (KelPool* p : {loop->timerList()->nodePool(), loop->generalPool(), loop->statePool()})
-        EXPECT_EQ(p->getNFree(), p->getNTot()) << "a pool has blocks out";
-}
-
 GeneralQEvt* newGeneral(int sig, long w, long l) {
     GeneralQEvt* e = static_cast<GeneralQEvt*>(KelLoop::newEvt(sig, sizeof(GeneralQEvt)));
     if (e != nullptr) e->wParam = w, e->lParam = l;
     return e;
 }
 
-// Posts `e`; a refused event goes back to its pool.
-static bool postOrFree(KelLoop* loop, QEvt* e) {
-    if (e == nullptr) return false;
-    if (loop->post(e)) return true;
-    Kel::gc(e);
-    return false;
+bool postGeneral(KelLoop* loop, int sig, long w, long l) {
+    GeneralQEvt* e = newGeneral(sig, w, l);
+    if (e != nullptr && !loop->post(e)) Kel::gc(e), e = nullptr;  // a refused event goes home
+    return e != nullptr;
 }
-
-bool postGeneral(KelLoop* loop, int sig, long w, long l) { return postOrFree(loop, newGeneral(sig, w, l)); }
 
 StateQEvt* newStateEvt(long stateMsg, long msgId) {
     StateQEvt* e = static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
     if (e != nullptr) e->stateMsg = stateMsg, e->msgId = msgId;
     return e;
 }
-
-bool postStateEvt(long stateMsg, long msgId) { return postOrFree(_loop, newStateEvt(stateMsg, msgId)); }
 
 void installKelHandlerFor(int sig) {
     struct sigaction act;
@@ -157,7 +146,8 @@ void KelTest::SetUp() { KelLoop::init_all(0x3000000, "kel-test", nullptr); }
 
 void KelTest::TearDown() {
     if (loop != nullptr) {
-        expectPoolsFull(loop);
+        for (KelPool* p : {loop->timerList()->nodePool(), loop->generalPool(), loop->statePool()})
+            EXPECT_EQ(p->getNFree(), p->getNTot()) << "a pool has blocks out";
         delete loop;
     }
     KelLoop::uninit_all();

@@ -84,9 +84,6 @@ bool waitForNoStrayThreads();
 // as the ctest label `soak` does) KEL_SOAK_SECONDS, by default 10.
 double stressSeconds(double dflt);
 
-// gtest expectations: every block of the timer, general and state pools is
-// free.
-void expectPoolsFull(KelLoop* loop);
 
 // An application event of `sig` with the two words; null when no block is
 // free. postGeneral posts it and gives the block back when refused.
@@ -94,7 +91,6 @@ GeneralQEvt* newGeneral(int sig, long w = 0, long l = 0);
 bool postGeneral(KelLoop* loop, int sig, long w = 0, long l = 0);
 // A state event from the pools; null when no block is free.
 StateQEvt* newStateEvt(long stateMsg, long msgId = 0);
-bool postStateEvt(long stateMsg, long msgId = 0);
 
 // The handler that KelLoop::init_all installed for SIGTERM, installed the
 // same way for `sig`.
@@ -118,7 +114,8 @@ struct LoopRunner {
 };
 
 // Starts the framework without signal handling or logging set-up; at the
-// end checks that no thread is left and every block of `loop` came home.
+// end checks that no thread is left and every block of the timer, general
+// and state pools of `loop` came home.
 class KelTest : public ::testing::Test {
 protected:
     void SetUp() override;
