@@ -16,17 +16,23 @@
 namespace {
 
 struct Model {
-    unsigned ring = 0;  // the queue holds ring + 1 events
+    unsigned ring = 0;            // the queue holds ring + 1 events
     std::vector<unsigned> nFree;  // per pool
     std::deque<const QEvt*> queue;
     std::map<const QEvt*, int> refs, poolOf;  // live pool events: count, pool (a freed header is gone)
     std::vector<QEvt*> holds;                 // references held by the fuzzer
 
     unsigned queueFree() const { return ring + 1 - static_cast<unsigned>(queue.size()); }
-    void lifo(const QEvt* e) {  // a full queue drops its newest entry
-        if (queueFree() == 0 && refs.count(queue.back())) release(queue.back());
-        if (queueFree() == 0) queue.pop_back();
+    // A full queue drops its newest application event; the loop's commands
+    // never give way, so a queue full of them refuses.
+    bool lifo(const QEvt* e) {
+        auto victim =
+            std::find_if(queue.rbegin(), queue.rend(), [](const QEvt* v) { return v->sig > SIG_INNER_PROC; });
+        if (queueFree() == 0 && victim == queue.rend()) return false;
+        if (queueFree() == 0 && refs.count(*victim)) release(*victim);
+        if (queueFree() == 0) queue.erase(std::next(victim).base());
         queue.push_front(e);
+        return true;
     }
     void forget(QEvt* e) { holds.erase(std::find(holds.begin(), holds.end(), e)); }
     void release(const QEvt* e) {
@@ -53,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         __logprintf = fuzz::quietLog;
         KelLoop::init_all(0x3000000, "fuzz", nullptr);
         gLoop = new KelLoop(4);
-        for (QEvt& e : gStatic) e.sig = 100;
+        gStatic[0].sig = 100, gStatic[1].sig = SIG_EVENT_LOOP_EXIT;
     }
     fuzz::Input in(data, size);
     Model m;
@@ -72,16 +78,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         switch (op % 8) {
             case 0: {  // allocate from the first pool with blocks big enough
                 if (m.holds.size() >= 64) break;
-                unsigned sz = (arg & 2) ? sizeof(StateQEvt) + 8 : (arg & 1) ? sizeof(StateQEvt) : sizeof(GeneralQEvt);
+                unsigned sz = (arg & 2)   ? sizeof(StateQEvt) + 8
+                              : (arg & 1) ? sizeof(StateQEvt)
+                                          : sizeof(GeneralQEvt);
                 int idx = -1;
                 for (unsigned i = 0; i < m.nFree.size() && idx < 0; ++i)
                     if (Kel::Kel_pool_[i]->getBlockSize() >= sz && m.nFree[i] > 0) idx = static_cast<int>(i);
-                QEvt* e = Kel::newX_(200 + arg, sz);
+                int sig = (arg & 0x18) == 0x18 ? int(SIG_SYSTEM_POWEROFF) : 200 + arg;  // a command or not
+                QEvt* e = Kel::newX_(sig, sz);
                 if (idx < 0) {
                     FUZZ_CHECK(e == nullptr && fuzz::lastLineIs("not free blocks"));
                     break;
                 }
-                FUZZ_CHECK(e != nullptr && e->poolId_ == idx + 1 && e->refCtr_ == 0 && e->sig == 200 + arg);
+                FUZZ_CHECK(e != nullptr && e->poolId_ == idx + 1 && e->refCtr_ == 0 && e->sig == sig);
                 m.nFree[idx]--, m.refs[e] = 0, m.poolOf[e] = idx;
                 m.holds.push_back(e);
                 break;
@@ -97,13 +106,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (fresh) m.forget(held);
                 break;
             }
-            case 2:  // post ahead of everything
+            case 2: {  // post ahead of everything
                 if (!postable) break;
-                q.postLIFO(held);
                 m.refs[held]++;
-                m.lifo(held);
-                if (fresh) m.forget(held);
+                bool ok = m.lifo(held);
+                FUZZ_CHECK(q.postLIFO(held) == ok);
+                if (!ok) m.refs[held]--;
+                if (ok && fresh) m.forget(held);
                 break;
+            }
             case 3:
                 if (const QEvt* e = q.get())
                     m.take(e);
@@ -124,11 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             case 6: {  // a record from no pool keeps its count
                 QEvt* e = &gStatic[arg & 1];
-                bool want = m.queueFree() > 0;
-                if (arg & 2)
-                    q.postLIFO(e), m.lifo(e);
-                else
-                    FUZZ_CHECK(q.post(e, 0) == want);
+                bool want = (arg & 2) ? m.lifo(e) : m.queueFree() > 0;
+                FUZZ_CHECK(((arg & 2) ? q.postLIFO(e) : q.post(e, 0)) == want);
                 if (!(arg & 2) && want) m.queue.push_back(e);
                 FUZZ_CHECK(e->refCtr_ == 0);
                 break;

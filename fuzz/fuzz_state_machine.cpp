@@ -42,7 +42,9 @@ uint32_t gEventMask = 0;  // test_event: which stateMsg values are replayed
 // translate's result is carried by the event: msgId.
 struct FuzzState : KelState {
     explicit FuzzState(int id) : mId(id) {}
-    int translate(const StateQEvt* e) override { return gReal.calls += {'T', char('0' + mId)}, int(e->msgId); }
+    int translate(const StateQEvt* e) override {
+        return gReal.calls += {'T', char('0' + mId)}, int(e->msgId);
+    }
     int entry(const StateQEvt*) override { return gReal.entryOrExit('N', mId); }
     int exit(const StateQEvt*) override { return gReal.entryOrExit('X', mId); }
     int mId;
@@ -119,7 +121,8 @@ void compare(const Model& m) {
     FUZZ_CHECK(gReal.calls == m.answers.calls && gMache->currentState() == m.cur);
     FUZZ_CHECK(gMache->isInitialized() == m.isInit && gMache->heldBack() == static_cast<int>(m.held.size()));
     FUZZ_CHECK(gMache->historyDepth() == static_cast<int>(m.hist.size()));
-    for (size_t i = 0; i < m.hist.size(); ++i) FUZZ_CHECK(gMache->historyAt(static_cast<int>(i)) == m.hist[i]);
+    for (size_t i = 0; i < m.hist.size(); ++i)
+        FUZZ_CHECK(gMache->historyAt(static_cast<int>(i)) == m.hist[i]);
     FUZZ_CHECK(gLoop->eventQueue()->getNFree() == 129 - m.queue.size());
 }
 

@@ -93,36 +93,3 @@ TEST_F(EventStore, PoolsStayExclusiveAcrossUninitAndInit) {
         EXPECT_FALSE(overlap) << (goingDown ? "uninit" : "init");
     }
 }
-
-// The loop's own commands never give way to a LIFO post: the newest
-// application event does, wherever it stands; with none left it is refused.
-TEST_F(EventStore, LifoOnFullQueueNeverDropsTheLoopsCommands) {
-    loop = new KelLoop(40);
-    KelQueue q;
-    const QEvt* ring[4];
-    q.init(ring, 4);
-    auto ev = [](int sig) { return KelLoop::newEvt(sig, sizeof(GeneralQEvt)); };
-    for (int sig : {100, int(SIG_EVENT_LOOP_EXIT), 101, int(SIG_SYSTEM_POWEROFF), int(SIG_EVENT_LOOP_EXIT)})
-        q.post(ev(sig), 0);
-    LogCapture cap;
-    EXPECT_TRUE(q.postLIFO(ev(102)));
-    EXPECT_TRUE(q.postLIFO(ev(103)));  // 101, then 100 give way
-    std::vector<int> order;
-    auto drain = [&] {
-        while (const QEvt* e = q.get()) {
-            order.push_back(e->sig);
-            Kel::gc(e);
-        }
-    };
-    drain();
-    EXPECT_EQ(order,
-              (std::vector<int>{103, 102, SIG_EVENT_LOOP_EXIT, SIG_SYSTEM_POWEROFF, SIG_EVENT_LOOP_EXIT}));
-    for (int i = 0; i < 5; ++i) q.post(ev(SIG_EVENT_LOOP_EXIT), 0);
-    QEvt* refused = ev(104);
-    EXPECT_FALSE(q.postLIFO(refused));
-    EXPECT_EQ(refused->refCtr_, 0);
-    Kel::gc(refused);
-    order.clear();
-    drain();
-    EXPECT_EQ(order, std::vector<int>(5, SIG_EVENT_LOOP_EXIT));
-}
