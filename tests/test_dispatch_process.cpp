@@ -52,18 +52,13 @@ struct Tick : public Rec {
 
 // Drives a queue with blocking queueProcess calls until destroyed.
 struct Processor {
-    explicit Processor(Queue& queue)
-        : q(queue), thread([this] {
-              while (!stop) q.queueProcess(1);
-          }) {}
-    ~Processor() {
-        stop = true;
-        q.interrupt();
-        thread.join();
-    }
+    explicit Processor(Queue& queue) : q(queue) {}
+    ~Processor() { stop = true, q.interrupt(), thread.join(); }
     Queue& q;
     std::atomic<bool> stop{false};
-    std::thread thread;
+    std::thread thread{[this] {
+        while (!stop) q.queueProcess(1);
+    }};
 };
 
 class Dispatch : public ::testing::Test {
@@ -146,13 +141,11 @@ TEST_F(Dispatch, MisuseAssertsAndLeavesTheQueueUsable) {
     EXPECT_EQ(trace.str(), "a+a") << "the queue still works";
     // Dropping the last holder with work pending ends the process.
     GTEST_FLAG_SET(death_test_style, KEL_DEATH_TEST_STYLE);
-    EXPECT_DEATH(
-        {
-            Queue* dropped = new Queue;
-            dropped->enqueue(FUNC(&Rec::hit), &a);
-            delete dropped;
-        },
-        "ASSERT: dispatch_process.cpp.[0-9]+: ~QueuePrivate");
+    Queue* dropped = new Queue;
+    dropped->enqueue(FUNC(&Rec::other), &a);
+    EXPECT_DEATH(delete dropped, "ASSERT: dispatch_process.cpp.[0-9]+: ~QueuePrivate");
+    dropped->queueProcess(0);
+    delete dropped;
 }
 
 // Four producers enqueue and run on one queue drained by one thread: every

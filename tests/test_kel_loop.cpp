@@ -279,8 +279,10 @@ TEST_F(LoopTest, StressProducersFromOtherThreads) {
 }
 
 // An application may post any signal: a state event without a machine is
-// logged and released, and the loop goes on.
-TEST_F(LoopTest, StrayStateEventWithoutMachineIsLoggedAndReleased) {
+// released and the loop goes on. Once execLoop has returned no loop takes
+// events: posts are refused like a full queue's, and every block stays or
+// goes home.
+TEST_F(LoopTest, PostsAfterTheLoopHasEndedAreRefused) {
     RecLoop* l = make();
     LogCapture cap;
     postGeneral(l, SIG_STATE_DELAY_EVENT);
@@ -288,15 +290,6 @@ TEST_F(LoopTest, StrayStateEventWithoutMachineIsLoggedAndReleased) {
     l->exitLoop();
     EXPECT_EQ(l->execLoop(), 0);
     EXPECT_EQ(l->calls, Calls{"app 9"});
-}
-
-// Once execLoop has returned no loop takes events: posts are refused like a
-// full queue's, with one line each, and every block stays or goes home.
-TEST_F(LoopTest, PostsAfterTheLoopHasEndedAreRefused) {
-    RecLoop* l = make();
-    l->exitLoop();
-    EXPECT_EQ(l->execLoop(), 0);
-    LogCapture cap;
     QEvt* e = KelLoop::newEvt(SIG_APP, sizeof(GeneralQEvt));
     EXPECT_FALSE(l->post(e));
     EXPECT_FALSE(l->postLIFO(e));
