@@ -57,25 +57,18 @@ TEST(WorkQueue, StressWorksFromFourThreadsRunInOrderWithoutOverlap) {
 // Queuing never waits, also from a work of the same queue, and work queued
 // from a work runs after what was queued before it.
 TEST(WorkQueue, WorkQueuedFromAWorkRunsLaterWithoutBlockingTheQueuer) {
-    static std::vector<int> seen;  // works of one queue run one after the other
+    static std::vector<intptr_t> seen;  // works of one queue run one after the other
     static DispathQueue* q = kel_dispatch_queue_create();
     static Gate gate;
-    static void (*note)(int) = [](int v) { seen.push_back(v), ++gDone; };
-    kel_dispatch_async_t(
-        q, [](void*) { gate.wait(); }, nullptr);
-    kel_dispatch_async_t(
-        q,
-        [](void*) {
-            kel_dispatch_async_t(
-                q, [](void*) { note(3); }, nullptr),
-                note(1);
-        },
-        nullptr);
-    kel_dispatch_async_t(
-        q, [](void*) { note(2); }, nullptr);
+    static DispatchFunc wait = [](void*) { gate.wait(); };
+    static DispatchFunc note = [](void* v) { seen.push_back(reinterpret_cast<intptr_t>(v)), ++gDone; };
+    static DispatchFunc nest = [](void*) { kel_dispatch_async_t(q, note, (void*)3), note((void*)1); };
+    kel_dispatch_async_t(q, wait, nullptr);
+    kel_dispatch_async_t(q, nest, nullptr);
+    kel_dispatch_async_t(q, note, (void*)2);
     gate.open();
     ASSERT_TRUE(doneReaches(3));
-    EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(seen, (std::vector<intptr_t>{1, 2, 3}));
     kel_dispatch_queue_destory(q);
     ASSERT_TRUE(waitUntil(poolIdle));
 }

@@ -67,11 +67,13 @@ struct HoldingMache : StateMache {
 }  // namespace
 
 TEST_F(LoopTest, DispatchTableAndStoppingSignals) {
-    // Each stopping signal: its virtual operation once, then execLoop returns
-    // 0 with the event behind the stop still queued.
+    // Each stopping signal, and a broadcast that answers false: its virtual
+    // operation once, then execLoop returns 0 with the event behind the stop
+    // still queued.
     const std::pair<int, const char*> cases[] = {{SIG_SYSTEM_POWEROFF, "poweroff"},
                                                  {SIG_SYS_SIGNAL_INT, "interrupt"},
                                                  {SIG_SYS_ERROR_OCCUR, "error"},
+                                                 {SIG_SYS_USER_SIGNAL, "broadcast 0 1"},
                                                  {SIG_EVENT_LOOP_EXIT, nullptr}};
     RecLoop* l = make();
     for (const auto& c : cases) {
@@ -81,7 +83,7 @@ TEST_F(LoopTest, DispatchTableAndStoppingSignals) {
         postGeneral(l, SIG_INNER_PROC);
         postGeneral(l, SIG_SYS_USER_SIGNAL, 5, -6);
         postGeneral(l, SIG_APP);
-        l->postCmd(c.first);
+        postGeneral(l, c.first, 0, 1);
         postGeneral(l, SIG_APP2);
         EXPECT_EQ(l->execLoop(), 0);
         Calls want = {"broadcast 5 -6", "app 9"};
@@ -93,14 +95,6 @@ TEST_F(LoopTest, DispatchTableAndStoppingSignals) {
         EXPECT_EQ(left->sig, SIG_APP2);
         Kel::gc(left);
     }
-    // A broadcast that answers false stops the loop as well.
-    Kel::init();
-    l->calls.clear();
-    postGeneral(l, SIG_SYS_USER_SIGNAL, 0, 1);
-    postGeneral(l, SIG_APP);
-    EXPECT_EQ(l->execLoop(), 0);
-    EXPECT_EQ(l->calls, Calls{"broadcast 0 1"});
-    Kel::gc(l->eventQueue()->get());
 }
 
 TEST_F(LoopTest, DueTimerFirstThenEventsAndPostsFromTheLoopThreadComeLaterWithoutWakeUp) {
