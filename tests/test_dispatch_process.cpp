@@ -211,7 +211,6 @@ TEST_F(Dispatch, RepeatingTimerKeepsOneEntryAndCountsFromTheCallbacksEnd) {
     EXPECT_GE(secondStart - firstEnd, 20ms);
 }
 
-namespace {
 // Traces the events it gets, or only counts them without a trace.
 struct RecLoop : public Loop {
     RecLoop(Trace* t, Queue* q) : trace(t) { setQueue(q); }
@@ -224,7 +223,6 @@ struct RecLoop : public Loop {
     Trace* trace;
     std::atomic<long> delivered{0};
 };
-}  // namespace
 
 // Events posted before exec are delivered after the pending callbacks, FIFO
 // ones in front; exec runs again after exit; with a wakeup function, exit
@@ -325,10 +323,9 @@ TEST_F(Dispatch, ThrowingCallbacksSelfDestroyingTimersAndNegativeDelaysFromCallb
 
 using DispatchAlloc = Dispatch;
 
-namespace {
 // One burst of every kind of work, queued during a hold so that the peak is
 // the same on every round.
-void burst(Queue& q, RecLoop& loop, Timer& timer, Rec& c, Rec& n) {
+static void burst(Queue& q, RecLoop& loop, Timer& timer, Rec& c, Rec& n) {
     long target = loop.delivered + 16;
     q.lock();
     for (int i = 0; i < 8; ++i) q.enqueue(FUNC(&Rec::hit), &c);
@@ -342,7 +339,6 @@ void burst(Queue& q, RecLoop& loop, Timer& timer, Rec& c, Rec& n) {
     q.run(FUNC(&Rec::hit), &c);
     while (loop.delivered < target) std::this_thread::yield();
 }
-}  // namespace
 
 TEST_F(DispatchAlloc, SteadyStateTouchesNoHeap) {
     hooks::counting = true;
