@@ -10,6 +10,15 @@ void record(ATimer*, void* p) { gOrder.push_back(static_cast<int>(reinterpret_ca
 void* tag(int n) { return reinterpret_cast<void*>(static_cast<intptr_t>(n)); }
 void tick(ATimer*, void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1); }
 
+// Re-arms its timer from the handler, twice; ends a repeating one at the
+// fourth firing. Both count the firings in the int they are given.
+void reArmTwice(ATimer* a, void* n) {
+    if (++*static_cast<int*>(n) < 3) a->setInternal(-1, 0), a->setReStart(true);
+}
+void endAtFour(ATimer* a, void* n) {
+    if (++*static_cast<int*>(n) == 4) a->setRepeat(false);
+}
+
 long long toMs(const timespec& t) { return static_cast<long long>(t.tv_sec) * 1000 + t.tv_nsec / 1000000; }
 
 struct TimerTest : KelTest {
@@ -106,20 +115,9 @@ TEST_F(TimerTest, RestartAndReArmFromTheHandler) {
     t.restart(60000);
     t.restart(-10);
     EXPECT_EQ(nodesOut(), 1u);
-    static int fired[2];
-    again.setHandler(
-        [](ATimer* a, void*) {
-            if (++fired[0] < 3) {
-                a->setInternal(-1, 0);
-                a->setReStart(true);
-            }
-        },
-        nullptr);
-    rep.setHandler(
-        [](ATimer* a, void*) {
-            if (++fired[1] == 4) a->setRepeat(false);
-        },
-        nullptr);
+    int fired[2] = {0, 0};
+    again.setHandler(reArmTwice, &fired[0]);
+    rep.setHandler(endAtFour, &fired[1]);
     rep.setRepeat(true);
     again.restart(-10);
     rep.restart(-10);

@@ -1,6 +1,5 @@
 // The logging stand-in: line layout, threshold, configuration, formatting,
 // and writing to a reader that has gone away.
-#include "common_log.h"
 #include "support/loop_harness.h"
 
 namespace {
@@ -41,18 +40,6 @@ TEST(MsgLogger, LineLayoutAndThreshold) {
     EXPECT_NE(out.find(" W logtest["), std::string::npos) << out;
     EXPECT_NE(out.find("] file.cpp:42 work: v=7\n"), std::string::npos) << out;
     EXPECT_EQ(out.find('\n'), out.size() - 1) << "one line";
-}
-
-// A failed check throws with the file's base name, line and function.
-TEST(MsgLogger, AssertThrowsWithPlaceAndWritesNoLine) {
-    LogCapture cap;
-    try {
-        _gen_log_assert_fail("/a/b/c.cpp", 10, "f", 1, 7);
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "ASSERT: c.cpp.7: f");
-    }
-    EXPECT_TRUE(cap.lines().empty());
 }
 
 // The level comes from the file's `level = n`, or from KEL_LOG_LEVEL by
