@@ -9,6 +9,14 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "kel_loop.h"
+#include "kel_port.h"
+#include "kel_queue.h"
 #include "msg_logger.h"
 
 namespace fuzz {

@@ -1,9 +1,7 @@
 // Random sequences of queuing, cancelling, processing and timer calls on one
 // dispatch queue and one thread, checked against a model: the pending calls
 // in order, the timers' entries by arming order, and the node count.
-#include <algorithm>
 #include <chrono>
-#include <vector>
 
 #include "dispatch_process.h"
 #include "fuzz_common.h"

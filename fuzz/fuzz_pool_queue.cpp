@@ -2,16 +2,10 @@
 // event pools and a small queue (a front slot and no ring or a ring of up to
 // three), checked against a reference model: a deque of queued events, a
 // count of references per event and free blocks per pool.
-#include <algorithm>
-#include <deque>
 #include <map>
-#include <vector>
 
 #include "fuzz_common.h"
-#include "kel_loop.h"
 #include "kel_pool.h"
-#include "kel_port.h"
-#include "kel_queue.h"
 
 namespace {
 

@@ -3,15 +3,7 @@
 // model of the transition rules and the history. The loop is not run: the
 // target takes the replayed events out of its queue and hands them to the
 // machine itself, as the loop's dispatch would.
-#include <algorithm>
-#include <deque>
-#include <string>
-#include <vector>
-
 #include "fuzz_common.h"
-#include "kel_loop.h"
-#include "kel_port.h"
-#include "kel_queue.h"
 #include "kel_state.h"
 #include "state_mache.h"
 

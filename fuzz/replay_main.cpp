@@ -5,8 +5,6 @@
 
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "fuzz_common.h"
 
