@@ -17,7 +17,8 @@ constexpr size_t kBlocks = 20 + 16;  // state-sized blocks: the timer pool and t
 // Answers of entry, exit and test_state come from a small generator; the
 // machine and the model each have one, started from the same seed before
 // every operation, so equal call sequences get equal answers. Each call is
-// logged as 'T'ranslate, 'N' entry, 'X' exit or 'S' test_state and the state.
+// logged as 'T'ranslate, 'N' entry, 'X' exit or 'S' test_state and the state,
+// or 'E' test_event and the message ('a' + stateMsg).
 struct Answers {
     uint32_t s = 1, refuseMask = 0;  // refuseMask: how often entry/exit refuse
     std::string calls;
@@ -46,7 +47,9 @@ struct FuzzMache : StateMache {
     FuzzMache() : StateMache(kStates, kInit) {
         for (int i = 0; i < kStates; ++i) registStates(new FuzzState(i), "s", 0);
     }
-    bool test_event(int msg) override { return (gEventMask >> (msg & 31)) & 1; }
+    bool test_event(int msg) override {
+        return gReal.calls += {'E', static_cast<char>('a' + msg)}, (gEventMask >> (msg & 31)) & 1;
+    }
     bool test_state(int st) override { return gReal.testState(st); }
 };
 
@@ -100,7 +103,8 @@ struct Model {
         isInit = true;
         for (; !held.empty(); held.pop_back()) {
             // Every block out is in the queue; a replay finding none is lost.
-            const StateQEvt& e = held.back();
+            const StateQEvt& e = held.back();  // test_event is asked newest first
+            answers.calls += {'E', static_cast<char>('a' + e.stateMsg)};
             if (((gEventMask >> (e.stateMsg & 31)) & 1) && queue.size() < kBlocks) queue.push_front(e);
         }
     }
@@ -152,22 +156,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         e.stateMsg = arg % 12;
         int r = (arg >> 4) % (kStates + 4);
         e.msgId = r < kStates ? r : kStates - 1 - r;
-        e.wParam = ++msgId;
+        e.wParam = ++msgId, e.lParam = -msgId, e.pHander = &e.wParam + msgId % 2;
         if (op % 5 == 0) {  // the event reaches the machine directly
             gMache->postEvent(&e);
             m.proc(e);
         } else if (op % 5 == 1 && m.queue.size() < 30) {  // the event is queued for the loop
             StateQEvt* q = static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
             FUZZ_CHECK(q != nullptr);
-            q->stateMsg = e.stateMsg, q->msgId = e.msgId, q->wParam = e.wParam;
+            q->stateMsg = e.stateMsg, q->msgId = e.msgId, q->wParam = e.wParam, q->lParam = e.lParam;
+            q->pHander = e.pHander;
             FUZZ_CHECK(gLoop->post(q));
             m.queue.push_back(e);
         } else if (op % 5 == 2) {  // the loop dispatches the front event
             const StateQEvt* q = static_cast<const StateQEvt*>(gLoop->eventQueue()->get());
             FUZZ_CHECK((q == nullptr) == m.queue.empty());
             if (q != nullptr) {
-                FUZZ_CHECK(q->sig == SIG_STATE_DELAY_EVENT && q->stateMsg == m.queue.front().stateMsg &&
-                           q->wParam == m.queue.front().wParam);
+                const StateQEvt& f = m.queue.front();  // the whole payload of the latest arrival
+                FUZZ_CHECK(q->sig == SIG_STATE_DELAY_EVENT && q->stateMsg == f.stateMsg && q->wParam == f.wParam &&
+                           q->lParam == f.lParam && q->pHander == f.pHander);
                 gMache->postEvent(q);
                 Kel::gc(q);
                 m.proc(m.queue.front());
