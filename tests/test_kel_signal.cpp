@@ -17,9 +17,10 @@ constexpr int kAppSig = 20;
 constexpr unsigned kNoHandlers = 0x1000000;
 constexpr unsigned kNoLogging = 0x2000000;
 
-std::string pidText(const char* fmt) {
-    char buf[160];
-    snprintf(buf, sizeof buf, fmt, static_cast<int>(getpid()));
+template <typename... A>
+std::string format(const char* fmt, A... a) {
+    char buf[200];
+    snprintf(buf, sizeof buf, fmt, static_cast<int>(getpid()), a...);
     return buf;
 }
 
@@ -102,12 +103,6 @@ protected:
         KelTest::TearDown();
         delete cap;
     }
-    std::string terminateLine() const {
-        char buf[200];
-        snprintf(buf, sizeof buf, "Application[%d] will poweroff or terminal, loop handler: %p",
-                 static_cast<int>(getpid()), static_cast<void*>(loop));
-        return buf;
-    }
     LogCapture* cap = nullptr;
     RecLoop* rec = nullptr;
 };
@@ -117,18 +112,19 @@ protected:
 TEST_F(SignalLoop, PipeIsLoggedInterruptAndTermStopTheLoop) {
     raise(SIGPIPE);
     ASSERT_EQ(cap->lines().size(), 1u);
-    EXPECT_EQ(cap->count(pidText("Application[%d] signal:13 tigger"), LOG_ERROR), 1);
+    EXPECT_EQ(cap->count(format("Application[%d] signal:13 tigger"), LOG_ERROR), 1);
     installKelHandlerFor(SIGINT);
     std::thread sender([] { kill(getpid(), SIGINT); });
     EXPECT_EQ(rec->execLoop(), 0);
     sender.join();
-    EXPECT_EQ(cap->count(pidText("Application[%d] 'Ctrl+C' tigger."), LOG_WARN), 1);
+    EXPECT_EQ(cap->count(format("Application[%d] 'Ctrl+C' tigger."), LOG_WARN), 1);
     Kel::init();
     std::thread term([] { kill(getpid(), SIGTERM); });
     EXPECT_EQ(rec->execLoop(), 0);
     term.join();
     EXPECT_EQ(rec->order, (std::vector<std::string>{"interrupt", "poweroff"}));
-    EXPECT_EQ(cap->count(terminateLine(), LOG_WARN), 1);
+    const char* line = "Application[%d] will poweroff or terminal, loop handler: %p";
+    EXPECT_EQ(cap->count(format(line, static_cast<void*>(loop)), LOG_WARN), 1);
 }
 
 class UserSignal : public SignalLoop, public ::testing::WithParamInterface<int> {};
@@ -137,15 +133,12 @@ TEST_P(UserSignal, ValueOvertakesQueuedEvents) {
     installKelHandlerFor(GetParam());
     for (long m = 1; m <= 3; ++m) ASSERT_TRUE(postApp(m));
     QEQueueCtr before = rec->eventQueue()->getNFree();
-    sigval v;
-    v.sival_int = 1234;
-    ASSERT_EQ(sigqueue(getpid(), GetParam(), v), 0);
+    ASSERT_EQ(sigqueue(getpid(), GetParam(), sigval{1234}), 0);
     ASSERT_TRUE(
         waitUntil([&] { return rec->eventQueue()->getNFree() != before; }));  // posted by the signal thread
     rec->stopOnMessage = 3;
     EXPECT_EQ(rec->execLoop(), 0);
-    std::string bc = "broadcast " + std::to_string(getpid()) + " 1234";
-    EXPECT_EQ(rec->order, (std::vector<std::string>{bc, "app 1", "app 2", "app 3"}));
+    EXPECT_EQ(rec->order, (std::vector<std::string>{format("broadcast %d 1234"), "app 1", "app 2", "app 3"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Usr, UserSignal, ::testing::Values(SIGUSR1, SIGUSR2));
