@@ -27,15 +27,12 @@ TEST(KelPool, CuttingMarginOrderAndMisuse) {
     }
     KelPool& p = pools[2];  // five blocks of two units
     EXPECT_THROW(p.put(p.getStart()), std::runtime_error) << "all free: a double release";
-    void* b0 = p.get(3);
-    void* b1 = p.get(3);
+    void *b0 = p.get(3), *b1 = p.get(3);
     EXPECT_EQ(b0, p.getStart());
     EXPECT_EQ(b1, static_cast<unsigned char*>(p.getStart()) + 2 * kUnit);
-    {
-        LogCapture cap;
-        EXPECT_EQ(p.get(3), nullptr) << "exactly the margin left";
-        EXPECT_EQ(cap.count("Free Block is empty.", LOG_WARN), 1);
-    }
+    LogCapture cap;
+    EXPECT_EQ(p.get(3), nullptr) << "exactly the margin left";
+    EXPECT_EQ(cap.count("Free Block is empty.", LOG_WARN), 1);
     EXPECT_THROW(p.put(static_cast<unsigned char*>(p.getStart()) - kUnit), std::runtime_error);
     EXPECT_THROW(p.put(static_cast<unsigned char*>(p.getEnd()) + kUnit), std::runtime_error);
     EXPECT_EQ(p.getNFree(), 3u);

@@ -48,7 +48,7 @@ TEST(SimpleThread, RunsFramedByStartupAndCleanupOnANamedThreadAndJoins) {
     EXPECT_EQ(t.calls, (std::vector<std::string>{"startup", "run", "cleanup"}));
     EXPECT_EQ(t.nameInRun.rfind("kel-thr-", 0), 0u) << t.nameInRun;
     EXPECT_EQ(t.selfInRun, t.id());
-    EXPECT_EQ(cap.countContaining("went out of scope"), 0);
+    EXPECT_EQ(cap.count("went out of scope", -1, true), 0);
     EXPECT_TRUE(waitForNoStrayThreads());
 }
 

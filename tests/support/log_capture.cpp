@@ -55,14 +55,9 @@ std::vector<CapturedLine> LogCapture::lines() const {
     return out;
 }
 
-int LogCapture::count(const std::string& text, int level) const {
+int LogCapture::count(const std::string& text, int level, bool part) const {
     int n = 0;
-    for (const auto& l : lines()) n += l.text == text && (level < 0 || l.level == level);
-    return n;
-}
-
-int LogCapture::countContaining(const std::string& part) const {
-    int n = 0;
-    for (const auto& l : lines()) n += l.text.find(part) != std::string::npos;
+    for (const auto& l : lines())
+        n += (part ? l.text.find(text) != std::string::npos : l.text == text) && (level < 0 || l.level == level);
     return n;
 }

@@ -51,11 +51,9 @@ protected:
     }
     // An event handed straight to the machine; stateMsg is what translate
     // returns by default.
-    bool deliver(long msg, long msgId = 0) {
+    bool deliver(long msg) {
         StateQEvt e;
-        e.sig = SIG_STATE_DELAY_EVENT;
-        e.stateMsg = msg;
-        e.msgId = msgId;
+        e.sig = SIG_STATE_DELAY_EVENT, e.stateMsg = msg;
         return mache->procState(&e);
     }
     TestMache* mache = nullptr;
