@@ -22,8 +22,7 @@ void tick(ATimer*, void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1, st
 using KelLoopHeap = KelTest;
 
 TEST_F(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
-    CountingLoop& loop = *new CountingLoop;
-    this->loop = &loop;
+    CountingLoop& loop = *static_cast<CountingLoop*>(this->loop = new CountingLoop);
     LoopRunner runner(&loop);
     std::atomic<int> oneShot{0}, repeating{0};
     ATimer once, every;
@@ -66,8 +65,7 @@ TEST_F(KelLoopHeap, PostersSharingTheLoopsCpuAreServedInBatches) {
     CPU_ZERO(&one);
     CPU_SET(0, &one);
     ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);  // threads below inherit it
-    CountingLoop& loop = *new CountingLoop;
-    this->loop = &loop;
+    CountingLoop& loop = *static_cast<CountingLoop*>(this->loop = new CountingLoop);
     LoopRunner runner(&loop);
     constexpr int kPerPoster = 5000;
     rusage before, after;

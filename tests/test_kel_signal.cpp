@@ -63,10 +63,13 @@ INSTANTIATE_TEST_SUITE_P(DefLevel, InitAll,
 
 // ------------------------------------------------------------ signal loop
 
+void say(const char* text) { (void)!write(STDERR_FILENO, text, strlen(text)); }
+
 // Records what the loop calls. `order` is written on the loop's thread only.
 class RecLoop : public KelLoop {
 public:
     RecLoop() : KelLoop(64) {}
+    void occurSysError() override { say("[occurSysError]\n"); }
 
     void poweroff() override { order.push_back("poweroff"); }
     void interrupt() override { order.push_back("interrupt"); }
@@ -145,20 +148,12 @@ INSTANTIATE_TEST_SUITE_P(Usr, UserSignal, ::testing::Values(SIGUSR1, SIGUSR2));
 
 // -------------------------------------------------- branches that end it all
 
-void say(const char* text) { (void)!write(STDERR_FILENO, text, strlen(text)); }
-
-class ErrorLoop : public KelLoop {
-public:
-    ErrorLoop() : KelLoop(8) {}
-    void occurSysError() override { say("[occurSysError]\n"); }
-};
-
 // Starts the framework in the child, with the handler also on `sig`, then
 // raises `sig` and waits for the end.
 [[noreturn]] void raiseInChild(int sig, bool withLoop) {
     Watchdog dog(30);
     KelLoop::init_all(0, "kel-child", nullptr);
-    if (withLoop) new ErrorLoop;  // lives until the process ends
+    if (withLoop) new RecLoop;  // lives until the process ends
     atexit([] { say("[exit handlers]\n"); });
     installKelHandlerFor(sig);
     raise(sig);

@@ -31,7 +31,6 @@ Watchdog::Watchdog(unsigned seconds) {
     alarm(seconds);
 }
 
-Watchdog::~Watchdog() { alarm(0); }
 
 bool waitUntil(const std::function<bool()>& pred, double seconds) {
     auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -140,7 +139,6 @@ int dispatchNodesUsed(dispatch::Queue& q, int* made) {
     return used;
 }
 
-void KelTest::SetUp() { KelLoop::init_all(0x3000000, "kel-test", nullptr); }
 
 void KelTest::TearDown() {
     if (loop != nullptr) {

@@ -45,7 +45,7 @@
 class Watchdog {
 public:
     explicit Watchdog(unsigned seconds = 120);
-    ~Watchdog();
+    ~Watchdog() { alarm(0); }
     Watchdog(const Watchdog&) = delete;
     Watchdog& operator=(const Watchdog&) = delete;
 };
@@ -118,7 +118,7 @@ struct LoopRunner {
 // and state pools of `loop` came home.
 class KelTest : public ::testing::Test {
 protected:
-    void SetUp() override;
+    void SetUp() override { KelLoop::init_all(0x3000000, "kel-test", nullptr); }
     void TearDown() override;
     Watchdog dog{120};
     KelLoop* loop = nullptr;
