@@ -172,8 +172,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             FUZZ_CHECK((q == nullptr) == m.queue.empty());
             if (q != nullptr) {
                 const StateQEvt& f = m.queue.front();  // the whole payload of the latest arrival
-                FUZZ_CHECK(q->sig == SIG_STATE_DELAY_EVENT && q->stateMsg == f.stateMsg && q->wParam == f.wParam &&
-                           q->lParam == f.lParam && q->pHander == f.pHander);
+                FUZZ_CHECK(q->sig == SIG_STATE_DELAY_EVENT && q->stateMsg == f.stateMsg &&
+                           q->wParam == f.wParam && q->lParam == f.lParam && q->pHander == f.pHander);
                 gMache->postEvent(q);
                 Kel::gc(q);
                 m.proc(m.queue.front());

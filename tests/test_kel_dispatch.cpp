@@ -1,5 +1,6 @@
 // Work queues on pooled threads and the rendezvous.
 #include "kel_thread.h"
+#include "support/fault_hooks.h"
 #include "support/loop_harness.h"
 
 namespace {
@@ -73,10 +74,16 @@ TEST(WorkQueue, WorkQueuedFromAWorkRunsLaterWithoutBlockingTheQueuer) {
     ASSERT_TRUE(waitUntil(poolIdle));
 }
 
-// An idle queue holds no thread; a drained one gives its thread back and
-// binds one again for new work; a second reference keeps it across a drop.
+// An idle queue holds no thread and its last handle frees it; a drained one
+// gives its thread back and binds one again for new work; a second
+// reference keeps it across a drop.
 TEST(WorkQueue, DrainedQueueGivesItsThreadBackAndReferencesKeepIt) {
-    kel_dispatch_queue_destory(nullptr);  // ignored
+    kel_dispatch_queue_destory(nullptr);                      // ignored
+    kel_dispatch_queue_destory(kel_dispatch_queue_create());  // the pool's first use
+    hooks::counting = true;  // the last handle of an idle queue frees what making it took
+    kel_dispatch_queue_destory(kel_dispatch_queue_create());
+    hooks::counting = false;
+    EXPECT_EQ(hooks::allocs.load(), hooks::deletes.load());
     gDone = 0;
     DispathQueue* q = kel_dispatch_queue_create();
     EXPECT_EQ(kel_pool_counts().used, 0);

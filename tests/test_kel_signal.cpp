@@ -96,10 +96,8 @@ bool postApp(long msg) { return postGeneral(_loop, kAppSig, 0, msg); }
 
 class SignalLoop : public KelTest {
 protected:
-    void SetUp() override {
-        cap = new LogCapture;  // before the handler exists, so it sees every line
-        KelLoop::init_all(0, "kel-test", nullptr);
-        loop = rec = new RecLoop;
+    void SetUp() override {  // the capture before the handler exists, so that it sees every line
+        cap = new LogCapture, KelLoop::init_all(0, "kel-test", nullptr), loop = rec = new RecLoop;
     }
     void TearDown() override {
         EXPECT_TRUE(loop->eventQueue()->isEmpty());
@@ -256,11 +254,9 @@ TEST_F(SignalLoop, StormOfUserSignalsWhileThreadsPost) {
     const int kSignals = static_cast<int>(100000 * stressSeconds(1.0));
     struct sigaction act;
     sigaction(SIGTERM, nullptr, &act);
-    gKelHandler = act.sa_sigaction;
-    act.sa_sigaction = countingHandler;
+    gKelHandler = std::exchange(act.sa_sigaction, countingHandler);
     sigaction(SIGUSR1, &act, nullptr);
-    KelLogFunction oldLog = __logprintf;
-    __logprintf = countingLog;
+    KelLogFunction oldLog = std::exchange(__logprintf, countingLog);
     rec->recordOrder = false;
     int ret = -2;
     std::atomic<bool> stopPosting{false};

@@ -26,11 +26,7 @@ long long nowMs() {
 }
 
 struct TimerTest : KelTest {
-    void SetUp() override {
-        KelTest::SetUp();
-        loop = new KelLoop(8);
-        gOrder.clear();
-    }
+    void SetUp() override { KelTest::SetUp(), loop = new KelLoop(8), gOrder.clear(); }
     KelTimer* list() { return loop->timerList(); }
     unsigned nodesOut() { return list()->nodePool()->getNTot() - list()->nodePool()->getNFree(); }
 };
@@ -96,7 +92,8 @@ TEST_F(TimerTest, FiringOrderByDeadline) {
     // Arm both in the same millisecond (again when the clock ticks between).
     for (long long ms = -1; ms != nowMs();) ms = nowMs(), t[3].restart(-100), t[4].restart(-100);
     quietRepeat.setRepeat(true);
-    for (ATimer* q : {&quiet, &quietRepeat}) q->setHandler(record, tag(6)), q->restart(-50), q->setRunning(false);
+    for (ATimer* q : {&quiet, &quietRepeat})
+        q->setHandler(record, tag(6)), q->restart(-50), q->setRunning(false);
     list()->processTimer();
     EXPECT_EQ(gOrder, (std::vector<int>{5, 4, 3, 2, 1}));
     EXPECT_TRUE(quietRepeat.isRunning());

@@ -18,7 +18,7 @@ namespace hooks {
 // Allocations counted while `counting` is set (malloc too, where no
 // sanitizer owns it).
 std::atomic<bool> counting{false};
-std::atomic<long> allocs{0};
+std::atomic<long> allocs{0}, deletes{0};  // deletes: of operator delete, while counting
 // The n-th allocation from now on, on this thread, fails.
 thread_local int failAllocIn = 0;
 // The next `failCreates` calls of pthread_create fail with EAGAIN.
@@ -58,10 +58,11 @@ inline void* hookedNew(size_t n, size_t align = alignof(max_align_t)) {
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void* operator new(size_t n) { return hookedNew(n); }
 void* operator new(size_t n, std::align_val_t a) { return hookedNew(n, static_cast<size_t>(a)); }
-void operator delete(void* p) noexcept { free(p); }
-void operator delete(void* p, size_t) noexcept { free(p); }
-void operator delete(void* p, std::align_val_t) noexcept { free(p); }
-void operator delete(void* p, size_t, std::align_val_t) noexcept { free(p); }
+inline void hookedDelete(void* p) { free(p), hooks::deletes += p && hooks::counting ? 1 : 0; }
+void operator delete(void* p) noexcept { hookedDelete(p); }
+void operator delete(void* p, size_t) noexcept { hookedDelete(p); }
+void operator delete(void* p, std::align_val_t) noexcept { hookedDelete(p); }
+void operator delete(void* p, size_t, std::align_val_t) noexcept { hookedDelete(p); }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
                               void* arg) noexcept {

@@ -58,6 +58,7 @@ std::vector<CapturedLine> LogCapture::lines() const {
 int LogCapture::count(const std::string& text, int level, bool part) const {
     int n = 0;
     for (const auto& l : lines())
-        n += (part ? l.text.find(text) != std::string::npos : l.text == text) && (level < 0 || l.level == level);
+        n += (part ? l.text.find(text) != std::string::npos : l.text == text) &&
+             (level < 0 || l.level == level);
     return n;
 }

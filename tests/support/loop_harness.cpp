@@ -31,7 +31,6 @@ Watchdog::Watchdog(unsigned seconds) {
     alarm(seconds);
 }
 
-
 bool waitUntil(const std::function<bool()>& pred, double seconds) {
     auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     for (int polls = 0; std::chrono::steady_clock::now() < end; ++polls) {
@@ -138,7 +137,6 @@ int dispatchNodesUsed(dispatch::Queue& q, int* made) {
     if (made != nullptr) *made = count;
     return used;
 }
-
 
 void KelTest::TearDown() {
     if (loop != nullptr) {

@@ -84,7 +84,6 @@ bool waitForNoStrayThreads();
 // as the ctest label `soak` does) KEL_SOAK_SECONDS, by default 10.
 double stressSeconds(double dflt);
 
-
 // An application event of `sig` with the two words; null when no block is
 // free. postGeneral posts it and gives the block back when refused.
 GeneralQEvt* newGeneral(int sig, long w = 0, long l = 0);

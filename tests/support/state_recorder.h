@@ -35,11 +35,7 @@ public:
 class MacheFixture : public KelTest {
 protected:
     static constexpr int kStates = 4;
-    void SetUp() override {
-        KelTest::SetUp();
-        loop = new KelLoop(32);
-        mache = new TestMache(kStates, 0);
-    }
+    void SetUp() override { KelTest::SetUp(), loop = new KelLoop(32), mache = new TestMache(kStates, 0); }
     void TearDown() override {
         delete mache;
         KelTest::TearDown();
