@@ -40,7 +40,7 @@ struct Rec : public Object {
     Trace* trace;
     std::string name;
     std::atomic<int> calls{0};
-    std::thread::id thread;
+    std::atomic<std::thread::id> thread;  // queues on several threads may share a recorder
     std::function<void()> hook;
 };
 
@@ -105,7 +105,7 @@ TEST_F(Dispatch, RunAndProcessingWithAWakeupFunction) {
     q.run(FUNC(&Rec::hit), &r);
     trace.add("!");
     EXPECT_EQ(trace.str(), "aabr.!");
-    EXPECT_EQ(r.thread, worker.get_id());
+    EXPECT_EQ(r.thread.load(), worker.get_id());
     std::this_thread::sleep_for(30ms);
     EXPECT_FALSE(done) << "processing with a wakeup function waits for an interrupt";
     q.interrupt();
