@@ -55,7 +55,8 @@ TEST(SimpleThread, RunsFramedByStartupAndCleanupOnANamedThreadAndJoins) {
 // A thread that ends by itself detaches, and once isRunning() is false it
 // is done with the object (deleting it then is clean under the thread
 // sanitizer); a stopped object starts again whether joined or self-ended;
-// concurrent ends and joins never lose or double-join a thread.
+// concurrent ends and joins never lose or double-join a thread (a hundred
+// rounds, so that a thread ending just before its join is seen).
 TEST(SimpleThread, StoppedObjectsStartAgainAndNoThreadIsLeft) {
     Recorder t;
     for (int i = 0; i < 40; ++i) {
@@ -72,10 +73,10 @@ TEST(SimpleThread, StoppedObjectsStartAgainAndNoThreadIsLeft) {
     EXPECT_TRUE(t.join());
     EXPECT_EQ(t.runs, 30);
     std::vector<Recorder> threads(16);
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 100; ++round) {
         for (auto& r : threads) ASSERT_TRUE(r.start());
         for (auto& r : threads) EXPECT_TRUE(r.join());
     }
-    for (auto& r : threads) EXPECT_EQ(r.runs, 20);
+    for (auto& r : threads) EXPECT_EQ(r.runs, 100);
     EXPECT_TRUE(waitForNoStrayThreads());
 }
