@@ -152,9 +152,9 @@ step_static() {
     return $rc
 }
 
-# The suite is at 38.8 % today; the aim is a third (33 %). Lower the limit
+# The suite is at 34.2 % today; the aim is a third (33 %). Lower the limit
 # whenever a change brings the share down, never raise it.
-KEL_TEST_SHARE_MAX=${KEL_TEST_SHARE_MAX:-40}
+KEL_TEST_SHARE_MAX=${KEL_TEST_SHARE_MAX:-35}
 step_share() {
     python3 tools/test_share.py --max "$KEL_TEST_SHARE_MAX"
 }

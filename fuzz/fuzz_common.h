@@ -9,6 +9,14 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "kel_loop.h"
+#include "kel_port.h"
+#include "kel_queue.h"
 #include "msg_logger.h"
 
 namespace fuzz {
@@ -32,6 +40,9 @@ inline bool lastLineIs(const char* text) { return strcmp(gLastLine, text) == 0; 
             __builtin_trap();                                                            \
         }                                                                                \
     } while (0)
+
+// The xorshift step of the replay's inputs and the models' answers.
+inline uint32_t xorshift(uint32_t& s) { return s ^= s << 13, s ^= s >> 17, s ^= s << 5; }
 
 // Reads the input a byte at a time; zeros once it is used up.
 class Input {

@@ -1,18 +1,12 @@
 // Random sequences of queuing, cancelling, processing and timer calls on one
 // dispatch queue and one thread, checked against a model: the pending calls
 // in order, the timers' entries by arming order, and the node count.
-#include <time.h>
-
-#include <algorithm>
-#include <vector>
+#include <chrono>
 
 #include "dispatch_process.h"
 #include "fuzz_common.h"
 
-using dispatch::FUNC;
-using dispatch::Object;
-using dispatch::Queue;
-using dispatch::Timer;
+using namespace dispatch;
 
 namespace {
 
@@ -49,10 +43,10 @@ int nodesUsed(Queue& q) {
     return used;
 }
 
-int64_t nowUs() {
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return static_cast<int64_t>(t.tv_sec) * 1000000 + t.tv_nsec / 1000;
+int64_t nowUs() {  // the monotonic clock, as the queue's
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 }  // namespace

@@ -1,45 +1,36 @@
 // Random sequences of allocation, post, postLIFO, get, newRef_ and gc on the
-// event pools and a small queue, checked against a reference model: a deque
-// of queued events, a count of references per event and free blocks per pool.
-#include <stddef.h>
-#include <stdint.h>
-
-#include <algorithm>
-#include <deque>
+// event pools and a small queue (a front slot and no ring or a ring of up to
+// three), checked against a reference model: a deque of queued events, a
+// count of references per event and free blocks per pool.
 #include <map>
-#include <vector>
 
 #include "fuzz_common.h"
-#include "kel_loop.h"
 #include "kel_pool.h"
-#include "kel_port.h"
-#include "kel_queue.h"
 
 namespace {
 
-constexpr unsigned kRing = 3;  // the queue holds kRing + 1 events
-
 struct Model {
+    unsigned ring = 0;            // the queue holds ring + 1 events
     std::vector<unsigned> nFree;  // per pool
     std::deque<const QEvt*> queue;
     std::map<const QEvt*, int> refs, poolOf;  // live pool events: count, pool (a freed header is gone)
     std::vector<QEvt*> holds;                 // references held by the fuzzer
 
-    unsigned queueFree() const { return kRing + 1 - static_cast<unsigned>(queue.size()); }
-    void lifo(const QEvt* e) {  // a full queue drops its newest entry
-        bool full = queueFree() == 0;
+    unsigned queueFree() const { return ring + 1 - static_cast<unsigned>(queue.size()); }
+    // A full queue drops its newest application event; the loop's commands
+    // never give way, so a queue full of them refuses.
+    bool lifo(const QEvt* e) {
+        auto victim =
+            std::find_if(queue.rbegin(), queue.rend(), [](const QEvt* v) { return v->sig > SIG_INNER_PROC; });
+        if (queueFree() == 0 && victim == queue.rend()) return false;
+        if (queueFree() == 0 && refs.count(*victim)) release(*victim);
+        if (queueFree() == 0) queue.erase(std::next(victim).base());
         queue.push_front(e);
-        if (!full) return;
-        const QEvt* victim = queue.back();
-        queue.pop_back();
-        if (refs.count(victim)) release(victim);
+        return true;
     }
     void forget(QEvt* e) { holds.erase(std::find(holds.begin(), holds.end(), e)); }
     void release(const QEvt* e) {
-        if (--refs[e] > 0) return;
-        nFree[poolOf[e]]++;
-        refs.erase(e);
-        poolOf.erase(e);
+        if (--refs[e] <= 0) nFree[poolOf[e]]++, refs.erase(e), poolOf.erase(e);
     }
     void take(const QEvt* e) {  // the front event, as get handed it out
         FUZZ_CHECK(!queue.empty() && e == queue.front());
@@ -62,15 +53,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         __logprintf = fuzz::quietLog;
         KelLoop::init_all(0x3000000, "fuzz", nullptr);
         gLoop = new KelLoop(4);
-        for (QEvt& e : gStatic) e.sig = 100;
+        gStatic[0].sig = 100, gStatic[1].sig = SIG_EVENT_LOOP_EXIT;
     }
     fuzz::Input in(data, size);
     Model m;
+    m.ring = static_cast<unsigned>(size % 4);
     for (unsigned i = 0; i < Kel::Kel_maxPool_; ++i) m.nFree.push_back(Kel::Kel_pool_[i]->getNTot());
     checkPools(m);
-    const QEvt* ring[kRing];
+    const QEvt* ring[3];
     KelQueue q;
-    q.init(ring, kRing);
+    q.init(m.ring ? ring : nullptr, m.ring);
 
     while (in.more()) {
         uint8_t op = in.byte(), arg = in.byte();
@@ -86,15 +78,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 int idx = -1;
                 for (unsigned i = 0; i < m.nFree.size() && idx < 0; ++i)
                     if (Kel::Kel_pool_[i]->getBlockSize() >= sz && m.nFree[i] > 0) idx = static_cast<int>(i);
-                QEvt* e = Kel::newX_(200 + arg, sz);
+                int sig = (arg & 0x18) == 0x18 ? int(SIG_SYSTEM_POWEROFF) : 200 + arg;  // a command or not
+                QEvt* e = Kel::newX_(sig, sz);
                 if (idx < 0) {
                     FUZZ_CHECK(e == nullptr && fuzz::lastLineIs("not free blocks"));
                     break;
                 }
-                FUZZ_CHECK(e != nullptr && e->poolId_ == idx + 1 && e->refCtr_ == 0 && e->sig == 200 + arg);
-                m.nFree[idx]--;
-                m.refs[e] = 0;
-                m.poolOf[e] = idx;
+                FUZZ_CHECK(e != nullptr && e->poolId_ == idx + 1 && e->refCtr_ == 0 && e->sig == sig);
+                m.nFree[idx]--, m.refs[e] = 0, m.poolOf[e] = idx;
                 m.holds.push_back(e);
                 break;
             }
@@ -102,23 +93,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (!postable) break;
                 unsigned margin = (arg >> 4) % 3;
                 bool got = q.post(held, margin);
-                FUZZ_CHECK(got == (m.queueFree() > margin));
-                if (!got) {
-                    FUZZ_CHECK(fuzz::lastLineIs("event not posted"));
-                    break;
-                }
+                FUZZ_CHECK(got == (m.queueFree() > margin) && (got || fuzz::lastLineIs("event not posted")));
+                if (!got) break;
                 m.refs[held]++;
                 m.queue.push_back(held);
                 if (fresh) m.forget(held);
                 break;
             }
-            case 2:  // post ahead of everything
+            case 2: {  // post ahead of everything
                 if (!postable) break;
-                q.postLIFO(held);
                 m.refs[held]++;
-                m.lifo(held);
-                if (fresh) m.forget(held);
+                bool ok = m.lifo(held);
+                FUZZ_CHECK(q.postLIFO(held) == ok);
+                if (!ok) m.refs[held]--;
+                if (ok && fresh) m.forget(held);
                 break;
+            }
             case 3:
                 if (const QEvt* e = q.get())
                     m.take(e);
@@ -139,14 +129,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             case 6: {  // a record from no pool keeps its count
                 QEvt* e = &gStatic[arg & 1];
-                if (arg & 2) {
-                    q.postLIFO(e);
-                    m.lifo(e);
-                } else {
-                    bool want = m.queueFree() > 0;
-                    FUZZ_CHECK(q.post(e, 0) == want);
-                    if (want) m.queue.push_back(e);
-                }
+                bool want = (arg & 2) ? m.lifo(e) : m.queueFree() > 0;
+                FUZZ_CHECK(((arg & 2) ? q.postLIFO(e) : q.post(e, 0)) == want);
+                if (!(arg & 2) && want) m.queue.push_back(e);
                 FUZZ_CHECK(e->refCtr_ == 0);
                 break;
             }

@@ -3,18 +3,7 @@
 // model of the transition rules and the history. The loop is not run: the
 // target takes the replayed events out of its queue and hands them to the
 // machine itself, as the loop's dispatch would.
-#include <stddef.h>
-#include <stdint.h>
-
-#include <algorithm>
-#include <deque>
-#include <string>
-#include <vector>
-
 #include "fuzz_common.h"
-#include "kel_loop.h"
-#include "kel_port.h"
-#include "kel_queue.h"
 #include "kel_state.h"
 #include "state_mache.h"
 
@@ -27,39 +16,30 @@ constexpr size_t kBlocks = 20 + 16;  // state-sized blocks: the timer pool and t
 
 // Answers of entry, exit and test_state come from a small generator; the
 // machine and the model each have one, started from the same seed before
-// every operation, so equal call sequences get equal answers.
+// every operation, so equal call sequences get equal answers. Each call is
+// logged as 'T'ranslate, 'N' entry, 'X' exit or 'S' test_state and the state,
+// or 'E' test_event and the message ('a' + stateMsg).
 struct Answers {
-    uint32_t s = 1;
-    uint32_t refuseMask = 0;  // how often entry/exit refuse
-    int next() {
-        s ^= s << 13;
-        s ^= s >> 17;
-        s ^= s << 5;
-        return static_cast<int>(s & 0xff);
+    uint32_t s = 1, refuseMask = 0;  // refuseMask: how often entry/exit refuse
+    std::string calls;
+    int entryOrExit(char what, int st) {
+        calls += {what, static_cast<char>('0' + st)};
+        return (fuzz::xorshift(s) & 7) < (refuseMask & 7) ? 1 : 0;
     }
-    int entryOrExit() { return (next() & 7) < static_cast<int>(refuseMask & 7) ? 1 : 0; }
-    bool testState() { return next() & 1; }
+    bool testState(int st) { return calls += {'S', static_cast<char>('0' + st)}, fuzz::xorshift(s) & 1; }
 };
 
-// The calls that state code sees, in order: 'T'ranslate, 'N' entry, 'X'
-// exit, 'S' test_state, each with the state.
-struct Calls {
-    std::string log;
-    void add(char what, int st) { log += {what, static_cast<char>('0' + st)}; }
-};
-
-// translate's result is carried by the event: msgId.
-int translateResult(const StateQEvt* e) { return static_cast<int>(e->msgId); }
-
-Answers gRealAnswers;
-Calls gRealCalls;
+Answers gReal;
 uint32_t gEventMask = 0;  // test_event: which stateMsg values are replayed
 
+// translate's result is carried by the event: msgId.
 struct FuzzState : KelState {
     explicit FuzzState(int id) : mId(id) {}
-    int translate(const StateQEvt* e) override { return gRealCalls.add('T', mId), translateResult(e); }
-    int entry(const StateQEvt*) override { return gRealCalls.add('N', mId), gRealAnswers.entryOrExit(); }
-    int exit(const StateQEvt*) override { return gRealCalls.add('X', mId), gRealAnswers.entryOrExit(); }
+    int translate(const StateQEvt* e) override {
+        return gReal.calls += {'T', char('0' + mId)}, int(e->msgId);
+    }
+    int entry(const StateQEvt*) override { return gReal.entryOrExit('N', mId); }
+    int exit(const StateQEvt*) override { return gReal.entryOrExit('X', mId); }
     int mId;
 };
 
@@ -67,8 +47,10 @@ struct FuzzMache : StateMache {
     FuzzMache() : StateMache(kStates, kInit) {
         for (int i = 0; i < kStates; ++i) registStates(new FuzzState(i), "s", 0);
     }
-    bool test_event(int msg) override { return (gEventMask >> (msg & 31)) & 1; }
-    bool test_state(int st) override { return gRealCalls.add('S', st), gRealAnswers.testState(); }
+    bool test_event(int msg) override {
+        return gReal.calls += {'E', static_cast<char>('a' + msg)}, (gEventMask >> (msg & 31)) & 1;
+    }
+    bool test_state(int st) override { return gReal.testState(st); }
 };
 
 // ------------------------------------------------------------------ model
@@ -80,7 +62,6 @@ struct Model {
     std::vector<StateQEvt> held;
     std::deque<StateQEvt> queue;  // the loop's queue (state events only)
     Answers answers;
-    Calls calls;
 
     int pop() {
         int st = hist.empty() ? -1 : hist.back();
@@ -89,69 +70,43 @@ struct Model {
     }
     void push(int st) {  // the initial state clears the history
         hist.erase(std::remove(hist.begin(), hist.end(), st), hist.end());
-        if (st == kInit)
-            hist.clear();
-        else
-            hist.push_back(st);
+        st == kInit ? hist.clear() : hist.push_back(st);
     }
-    int entry(int st) { return calls.add('N', st), answers.entryOrExit(); }
-    int exit(int st) { return calls.add('X', st), answers.entryOrExit(); }
-    bool testState(int st) { return calls.add('S', st), answers.testState(); }
-
-    void back(int exitResult) {
-        int ce = exitResult;
+    void back(int ce) {  // ce: the result of the exit already called
         for (int st = pop(); st >= 0; st = pop()) {
-            if (!testState(st)) continue;
+            if (!answers.testState(st)) continue;
             if (st == cur && ce != 0) return;
-            if (ce != 0) ce = exit(cur);
-            if (entry(st) == 0) {
-                cur = st;
-                push(st);
-                return;
-            }
+            if (ce != 0) ce = answers.entryOrExit('X', cur);
+            if (answers.entryOrExit('N', st) == 0) return push(cur = st);
         }
-        entry(kInit);
-        cur = kInit;
-    }
-    void switchTo(int st) {
-        int ce = exit(cur);
-        if (entry(st) == 0) {
-            push(st);
-            cur = st;
-        } else {
-            back(ce);
-        }
-    }
-    void hold(const StateQEvt& e) {
-        for (StateQEvt& h : held)
-            if (h.stateMsg == e.stateMsg) return void(h = e);
-        if (held.size() < kHeld) held.push_back(e);
+        answers.entryOrExit('N', cur = kInit);
     }
     void proc(const StateQEvt& e) {
-        if (!isInit) return hold(e);
-        calls.add('T', cur);
-        int ret = translateResult(&e);
-        if (ret >= 0) {
-            if (ret != cur) switchTo(ret);
-        } else if (ret == state::STATE_RETURN_BACK) {
+        if (!isInit) {
+            for (StateQEvt& h : held)
+                if (h.stateMsg == e.stateMsg) return void(h = e);
+            if (held.size() < kHeld) held.push_back(e);
+            return;
+        }
+        answers.calls += {'T', static_cast<char>('0' + cur)};
+        int ret = static_cast<int>(e.msgId), ce = 0;
+        if (ret == state::STATE_RETURN_BACK) {
             pop();
-            back(exit(cur));
+            back(answers.entryOrExit('X', cur));
+        } else if (ret >= 0 && ret != cur) {
+            if ((ce = answers.entryOrExit('X', cur), answers.entryOrExit('N', ret)) != 0) return back(ce);
+            push(cur = ret);
         }
     }
     void initialize() {
         if (isInit) return;
         isInit = true;
-        while (!held.empty()) {
-            StateQEvt e = held.back();
-            held.pop_back();
+        for (; !held.empty(); held.pop_back()) {
             // Every block out is in the queue; a replay finding none is lost.
+            const StateQEvt& e = held.back();  // test_event is asked newest first
+            answers.calls += {'E', static_cast<char>('a' + e.stateMsg)};
             if (((gEventMask >> (e.stateMsg & 31)) & 1) && queue.size() < kBlocks) queue.push_front(e);
         }
-    }
-    void exitState() {
-        cur = kInit;
-        hist.clear();
-        isInit = false;
     }
 };
 
@@ -159,25 +114,12 @@ KelLoop* gLoop = nullptr;
 FuzzMache* gMache = nullptr;
 
 void compare(const Model& m) {
-    FUZZ_CHECK(gRealCalls.log == m.calls.log);
-    FUZZ_CHECK(gMache->currentState() == m.cur);
-    FUZZ_CHECK(gMache->isInitialized() == m.isInit);
+    FUZZ_CHECK(gReal.calls == m.answers.calls && gMache->currentState() == m.cur);
+    FUZZ_CHECK(gMache->isInitialized() == m.isInit && gMache->heldBack() == static_cast<int>(m.held.size()));
     FUZZ_CHECK(gMache->historyDepth() == static_cast<int>(m.hist.size()));
     for (size_t i = 0; i < m.hist.size(); ++i)
         FUZZ_CHECK(gMache->historyAt(static_cast<int>(i)) == m.hist[i]);
-    FUZZ_CHECK(gMache->heldBack() == static_cast<int>(m.held.size()));
     FUZZ_CHECK(gLoop->eventQueue()->getNFree() == 129 - m.queue.size());
-}
-
-// Takes the machine back to its start without running any state code: no
-// replay, nothing queued, nothing held back.
-void reset() {
-    while (const QEvt* e = gLoop->eventQueue()->get()) Kel::gc(e);
-    gEventMask = 0;
-    gMache->initialize();
-    gMache->exitState();
-    FUZZ_CHECK(gLoop->eventQueue()->isEmpty());
-    FUZZ_CHECK(gMache->heldBack() == 0);
 }
 
 }  // namespace
@@ -189,7 +131,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         gLoop = new KelLoop(16);
         gMache = new FuzzMache;
     }
-    reset();
+    // Back to the start without running any state code: no replay, nothing
+    // queued, nothing held back.
+    while (const QEvt* e = gLoop->eventQueue()->get()) Kel::gc(e);
+    gEventMask = 0;
+    gMache->initialize();
+    gMache->exitState();
+    FUZZ_CHECK(gLoop->eventQueue()->isEmpty() && gMache->heldBack() == 0);
     fuzz::Input in(data, size);
     gEventMask = in.word();
     uint32_t refuse = in.byte();
@@ -197,59 +145,46 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     long msgId = 0;
     while (in.more()) {
         uint8_t op = in.byte(), arg = in.byte();
-        uint32_t seed = (static_cast<uint32_t>(op) << 8 | arg) + 1;
-        gRealAnswers.s = m.answers.s = seed;
-        gRealAnswers.refuseMask = m.answers.refuseMask = refuse;
-        gRealCalls.log.clear();
-        m.calls.log.clear();
-
+        gReal.s = m.answers.s = (static_cast<uint32_t>(op) << 8 | arg) + 1;
+        gReal.refuseMask = m.answers.refuseMask = refuse;
+        gReal.calls.clear();
+        m.answers.calls.clear();
         // The event: stateMsg from a small set, translate's result from the
-        // states, the two special results and one unknown negative.
+        // states, the three special results and one unknown negative.
         StateQEvt e;
         e.sig = SIG_STATE_DELAY_EVENT;
         e.stateMsg = arg % 12;
-        int r = (arg >> 4) % (kStates + 3);
-        e.msgId = r < kStates ? r : -(r - kStates + 1) - (r == kStates + 2 ? 1 : 0);
-        e.wParam = ++msgId;
-        switch (op % 5) {
-            case 0:  // the event reaches the machine directly
-                gMache->postEvent(&e);
-                m.proc(e);
-                break;
-            case 1: {  // the event is queued for the loop
-                if (m.queue.size() >= 30) break;
-                StateQEvt* q =
-                    static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
-                FUZZ_CHECK(q != nullptr);
-                q->stateMsg = e.stateMsg, q->msgId = e.msgId, q->wParam = e.wParam;
-                FUZZ_CHECK(gLoop->post(q));
-                m.queue.push_back(e);
-                break;
-            }
-            case 2: {  // the loop dispatches the front event
-                const QEvt* q = gLoop->eventQueue()->get();
-                if (m.queue.empty()) {
-                    FUZZ_CHECK(q == nullptr);
-                    break;
-                }
-                FUZZ_CHECK(q != nullptr && q->sig == SIG_STATE_DELAY_EVENT);
-                const StateQEvt* s = static_cast<const StateQEvt*>(q);
-                FUZZ_CHECK(s->stateMsg == m.queue.front().stateMsg && s->wParam == m.queue.front().wParam);
-                StateQEvt copy = m.queue.front();
-                m.queue.pop_front();
+        int r = (arg >> 4) % (kStates + 4);
+        e.msgId = r < kStates ? r : kStates - 1 - r;
+        e.wParam = ++msgId, e.lParam = -msgId, e.pHander = &e.wParam + msgId % 2;
+        if (op % 5 == 0) {  // the event reaches the machine directly
+            gMache->postEvent(&e);
+            m.proc(e);
+        } else if (op % 5 == 1 && m.queue.size() < 30) {  // the event is queued for the loop
+            StateQEvt* q = static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
+            FUZZ_CHECK(q != nullptr);
+            q->stateMsg = e.stateMsg, q->msgId = e.msgId, q->wParam = e.wParam, q->lParam = e.lParam;
+            q->pHander = e.pHander;
+            FUZZ_CHECK(gLoop->post(q));
+            m.queue.push_back(e);
+        } else if (op % 5 == 2) {  // the loop dispatches the front event
+            const StateQEvt* q = static_cast<const StateQEvt*>(gLoop->eventQueue()->get());
+            FUZZ_CHECK((q == nullptr) == m.queue.empty());
+            if (q != nullptr) {
+                const StateQEvt& f = m.queue.front();  // the whole payload of the latest arrival
+                FUZZ_CHECK(q->sig == SIG_STATE_DELAY_EVENT && q->stateMsg == f.stateMsg &&
+                           q->wParam == f.wParam && q->lParam == f.lParam && q->pHander == f.pHander);
                 gMache->postEvent(q);
                 Kel::gc(q);
-                m.proc(copy);
-                break;
+                m.proc(m.queue.front());
+                m.queue.pop_front();
             }
-            case 3:
-                gMache->initialize();
-                m.initialize();
-                break;
-            case 4:
-                gMache->exitState();
-                m.exitState();
-                break;
+        } else if (op % 5 == 3) {
+            gMache->initialize();
+            m.initialize();
+        } else if (op % 5 == 4) {
+            gMache->exitState();
+            m.cur = kInit, m.isInit = false, m.hist.clear();
         }
         compare(m);
     }

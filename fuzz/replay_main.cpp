@@ -2,14 +2,11 @@
 // the directories given, then pseudo-random inputs from a fixed start (the
 // same on every run). A model mismatch traps and fails the case.
 #include <dirent.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
 
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
+
+#include "fuzz_common.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
@@ -29,12 +26,7 @@ int main(int argc, char** argv) {
     uint32_t s = 0x9e3779b9u;
     for (int n = 0; n < 3000; ++n, ++inputs) {
         std::vector<uint8_t> data(n % 400);
-        for (uint8_t& b : data) {
-            s ^= s << 13;
-            s ^= s >> 17;
-            s ^= s << 5;
-            b = static_cast<uint8_t>(s >> 7);
-        }
+        for (uint8_t& b : data) b = static_cast<uint8_t>(fuzz::xorshift(s) >> 7);
         LLVMFuzzerTestOneInput(data.data(), data.size());
     }
     printf("%d inputs, model agreed on every one\n", inputs);

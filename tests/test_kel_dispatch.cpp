@@ -1,18 +1,9 @@
 // Work queues on pooled threads and the rendezvous.
-#include <signal.h>
-#include <unistd.h>
-
-#include <atomic>
-
-#include "daemon_pool.h"
-#include "daemon_thread.h"
-#include "kel_dispatch.h"
 #include "kel_thread.h"
+#include "support/fault_hooks.h"
 #include "support/loop_harness.h"
 
 namespace {
-
-bool poolIdle() { return kel_pool_counts().used == 0; }
 
 std::atomic<int> gDone{0};
 bool doneReaches(int n) {
@@ -67,33 +58,32 @@ TEST(WorkQueue, StressWorksFromFourThreadsRunInOrderWithoutOverlap) {
 // Queuing never waits, also from a work of the same queue, and work queued
 // from a work runs after what was queued before it.
 TEST(WorkQueue, WorkQueuedFromAWorkRunsLaterWithoutBlockingTheQueuer) {
-    static std::vector<int> seen;  // works of one queue run one after the other
+    static std::vector<intptr_t> seen;  // works of one queue run one after the other
     static DispathQueue* q = kel_dispatch_queue_create();
     static Gate gate;
-    static void (*note)(int) = [](int v) { seen.push_back(v), ++gDone; };
-    kel_dispatch_async_t(
-        q, [](void*) { gate.wait(); }, nullptr);
-    kel_dispatch_async_t(
-        q,
-        [](void*) {
-            kel_dispatch_async_t(
-                q, [](void*) { note(3); }, nullptr),
-                note(1);
-        },
-        nullptr);
-    kel_dispatch_async_t(
-        q, [](void*) { note(2); }, nullptr);
+    static DispatchFunc wait = [](void*) { gate.wait(); };
+    static DispatchFunc note = [](void* v) { seen.push_back(reinterpret_cast<intptr_t>(v)), ++gDone; };
+    static DispatchFunc nest = [](void*) { kel_dispatch_async_t(q, note, (void*)3), note((void*)1); };
+    kel_dispatch_async_t(q, wait, nullptr);
+    kel_dispatch_async_t(q, nest, nullptr);
+    kel_dispatch_async_t(q, note, (void*)2);
     gate.open();
     ASSERT_TRUE(doneReaches(3));
-    EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(seen, (std::vector<intptr_t>{1, 2, 3}));
     kel_dispatch_queue_destory(q);
     ASSERT_TRUE(waitUntil(poolIdle));
 }
 
-// An idle queue holds no thread; a drained one gives its thread back and
-// binds one again for new work; a second reference keeps it across a drop.
+// An idle queue holds no thread and its last handle frees it; a drained one
+// gives its thread back and binds one again for new work; a second
+// reference keeps it across a drop.
 TEST(WorkQueue, DrainedQueueGivesItsThreadBackAndReferencesKeepIt) {
-    kel_dispatch_queue_destory(nullptr);  // ignored
+    kel_dispatch_queue_destory(nullptr);                      // ignored
+    kel_dispatch_queue_destory(kel_dispatch_queue_create());  // the pool's first use
+    hooks::counting = true;  // the last handle of an idle queue frees what making it took
+    kel_dispatch_queue_destory(kel_dispatch_queue_create());
+    hooks::counting = false;
+    EXPECT_EQ(hooks::allocs.load(), hooks::deletes.load());
     gDone = 0;
     DispathQueue* q = kel_dispatch_queue_create();
     EXPECT_EQ(kel_pool_counts().used, 0);

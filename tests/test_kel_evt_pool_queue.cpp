@@ -1,19 +1,5 @@
 // Pools, the queue and the reference counts of the event core.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <stdexcept>
-#include <thread>
-#include <vector>
-
-#include "kel_pool.h"
-#include "kel_port.h"
-#include "kel_queue.h"
 #include "kel_stats.h"
-#include "kel_timer.h"
-#include "support/log_capture.h"
 #include "support/loop_harness.h"
 
 namespace {
@@ -42,15 +28,12 @@ TEST(KelPool, CuttingMarginOrderAndMisuse) {
     }
     KelPool& p = pools[2];  // five blocks of two units
     EXPECT_THROW(p.put(p.getStart()), std::runtime_error) << "all free: a double release";
-    void* b0 = p.get(3);
-    void* b1 = p.get(3);
+    void *b0 = p.get(3), *b1 = p.get(3);
     EXPECT_EQ(b0, p.getStart());
     EXPECT_EQ(b1, static_cast<unsigned char*>(p.getStart()) + 2 * kUnit);
-    {
-        LogCapture cap;
-        EXPECT_EQ(p.get(3), nullptr) << "exactly the margin left";
-        EXPECT_EQ(cap.count("Free Block is empty.", LOG_WARN), 1);
-    }
+    LogCapture cap;
+    EXPECT_EQ(p.get(3), nullptr) << "exactly the margin left";
+    EXPECT_EQ(cap.count("Free Block is empty.", LOG_WARN), 1);
     EXPECT_THROW(p.put(static_cast<unsigned char*>(p.getStart()) - kUnit), std::runtime_error);
     EXPECT_THROW(p.put(static_cast<unsigned char*>(p.getEnd()) + kUnit), std::runtime_error);
     EXPECT_EQ(p.getNFree(), 3u);
@@ -60,21 +43,6 @@ TEST(KelPool, CuttingMarginOrderAndMisuse) {
     EXPECT_THROW(bad.init(gStore, 2 * kUnit, 3 * kUnit), std::runtime_error) << "no whole block";
     EXPECT_THROW(bad.init(gStore + 1024, 128, 16), std::runtime_error) << "a fourth pool";
     EXPECT_EQ(Kel::Kel_maxPool_, 3u);
-}
-
-// Without a ring the queue holds one event, which a LIFO post displaces.
-// (Order, margins, counts and LIFO on a full ring: fuzz_pool_queue.)
-TEST(KelQueue, WithoutRingHoldsOneEvent) {
-    QEvt ev[3];
-    for (QEvt& e : ev) e.sig = SIG_INNER_PROC + 1;  // application events may give way
-    KelQueue none;
-    none.init(nullptr, 0);
-    EXPECT_TRUE(none.post(&ev[0], 0));
-    EXPECT_FALSE(none.post(&ev[1], 0));
-    none.postLIFO(&ev[2]);
-    EXPECT_EQ(none.get(), &ev[2]);
-    EXPECT_EQ(none.get(), nullptr);
-    EXPECT_EQ(none.getNFree(), 1u);
 }
 
 using EventStore = KelTest;
@@ -122,41 +90,6 @@ TEST_F(EventStore, PoolsStayExclusiveAcrossUninitAndInit) {
         for (std::thread* t : {&holder, &change, &late}) t->join();
         EXPECT_FALSE(overlap) << (goingDown ? "uninit" : "init");
     }
-}
-
-// The loop's own commands never give way to a LIFO post: the newest
-// application event does, wherever it stands; with none left it is refused.
-TEST_F(EventStore, LifoOnFullQueueNeverDropsTheLoopsCommands) {
-    loop = new KelLoop(40);
-    KelQueue q;
-    const QEvt* ring[4];
-    q.init(ring, 4);
-    auto ev = [](int sig) { return KelLoop::newEvt(sig, sizeof(GeneralQEvt)); };
-    for (int sig : {100, int(SIG_EVENT_LOOP_EXIT), 101, int(SIG_SYSTEM_POWEROFF), int(SIG_EVENT_LOOP_EXIT)})
-        q.post(ev(sig), 0);
-    LogCapture cap;
-    EXPECT_TRUE(q.postLIFO(ev(102)));
-    EXPECT_TRUE(q.postLIFO(ev(103)));
-    EXPECT_EQ(cap.count("queue full, event 101 dropped for a LIFO post", LOG_WARN), 1);
-    EXPECT_EQ(cap.count("queue full, event 100 dropped for a LIFO post", LOG_WARN), 1);
-    std::vector<int> order;
-    auto drain = [&] {
-        while (const QEvt* e = q.get()) {
-            order.push_back(e->sig);
-            Kel::gc(e);
-        }
-    };
-    drain();
-    EXPECT_EQ(order,
-              (std::vector<int>{103, 102, SIG_EVENT_LOOP_EXIT, SIG_SYSTEM_POWEROFF, SIG_EVENT_LOOP_EXIT}));
-    for (int i = 0; i < 5; ++i) q.post(ev(SIG_EVENT_LOOP_EXIT), 0);
-    QEvt* refused = ev(104);
-    EXPECT_FALSE(q.postLIFO(refused));
-    EXPECT_EQ(refused->refCtr_, 0);
-    Kel::gc(refused);
-    order.clear();
-    drain();
-    EXPECT_EQ(order, std::vector<int>(5, SIG_EVENT_LOOP_EXIT));
 }
 
 // Statistics: each pool's low and the refusals along the chain of pools

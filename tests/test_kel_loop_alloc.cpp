@@ -1,18 +1,9 @@
 // The event path and the timers touch no heap after start-up. This binary
 // counts every heap allocation (operator new always; malloc too where no
 // sanitizer owns it) while events and timers run.
-#include <gtest/gtest.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <new>
-#include <thread>
-
-#include "app_timer.h"
-#include "kel_loop.h"
-#include "kel_port.h"
 #include "support/fault_hooks.h"
 #include "support/loop_harness.h"
 
@@ -31,8 +22,7 @@ void tick(ATimer*, void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1, st
 using KelLoopHeap = KelTest;
 
 TEST_F(KelLoopHeap, EventsAndTimersAllocateNothingAfterStartUp) {
-    CountingLoop& loop = *new CountingLoop;
-    this->loop = &loop;
+    CountingLoop& loop = *static_cast<CountingLoop*>(this->loop = new CountingLoop);
     LoopRunner runner(&loop);
     std::atomic<int> oneShot{0}, repeating{0};
     ATimer once, every;
@@ -75,8 +65,7 @@ TEST_F(KelLoopHeap, PostersSharingTheLoopsCpuAreServedInBatches) {
     CPU_ZERO(&one);
     CPU_SET(0, &one);
     ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof one, &one), 0);  // threads below inherit it
-    CountingLoop& loop = *new CountingLoop;
-    this->loop = &loop;
+    CountingLoop& loop = *static_cast<CountingLoop*>(this->loop = new CountingLoop);
     LoopRunner runner(&loop);
     constexpr int kPerPoster = 5000;
     rusage before, after;
@@ -84,12 +73,8 @@ TEST_F(KelLoopHeap, PostersSharingTheLoopsCpuAreServedInBatches) {
     std::thread posters[2];
     for (std::thread& t : posters) {
         t = std::thread([&] {
-            for (int i = 0; i < kPerPoster; ++i) {
-                QEvt* e;
-                while ((e = KelLoop::newEvt(SIG_INNER_PROC + 1, sizeof(GeneralQEvt))) == nullptr)
-                    sched_yield();
-                while (!loop.post(e)) sched_yield();
-            }
+            for (int i = 0; i < kPerPoster; ++i)
+                while (!postGeneral(&loop, SIG_INNER_PROC + 1)) sched_yield();
         });
     }
     for (std::thread& t : posters) t.join();

@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <pthread.h>
+#include <stddef.h>
 #include <stdlib.h>
 
 #include <atomic>
@@ -17,7 +18,7 @@ namespace hooks {
 // Allocations counted while `counting` is set (malloc too, where no
 // sanitizer owns it).
 std::atomic<bool> counting{false};
-std::atomic<long> allocs{0};
+std::atomic<long> allocs{0}, deletes{0};  // deletes: of operator delete, while counting
 // The n-th allocation from now on, on this thread, fails.
 thread_local int failAllocIn = 0;
 // The next `failCreates` calls of pthread_create fail with EAGAIN.
@@ -40,39 +41,28 @@ void* realloc(void* p, size_t n) { return hooks::note(), __libc_realloc(p, n); }
 }
 #endif
 
-inline void* hookedAlloc(size_t n, size_t align) {
-    if (hooks::failAllocIn > 0 && --hooks::failAllocIn == 0) return nullptr;
+// The other forms (arrays, nothrow, sized delete) forward to these.
+inline void* hookedNew(size_t n, size_t align = alignof(max_align_t)) {
+    if (hooks::failAllocIn > 0 && --hooks::failAllocIn == 0) throw std::bad_alloc();
 #ifndef KEL_HOOKS_MALLOC
     hooks::note();
 #endif
-    if (align <= alignof(max_align_t)) return malloc(n ? n : 1);
     void* p = nullptr;
-    return posix_memalign(&p, align, n ? n : 1) == 0 ? p : nullptr;
-}
-
-inline void* hookedNew(size_t n, size_t align = alignof(max_align_t)) {
-    if (void* p = hookedAlloc(n, align)) return p;
+    if (align <= alignof(max_align_t) ? (p = malloc(n ? n : 1)) != nullptr
+                                      : posix_memalign(&p, align, n ? n : 1) == 0)
+        return p;
     throw std::bad_alloc();
 }
 
 // Our operator new takes its memory from malloc, so free is the right match.
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void* operator new(size_t n) { return hookedNew(n); }
-void* operator new[](size_t n) { return hookedNew(n); }
 void* operator new(size_t n, std::align_val_t a) { return hookedNew(n, static_cast<size_t>(a)); }
-void* operator new[](size_t n, std::align_val_t a) { return hookedNew(n, static_cast<size_t>(a)); }
-void* operator new(size_t n, const std::nothrow_t&) noexcept { return hookedAlloc(n, alignof(max_align_t)); }
-void* operator new[](size_t n, const std::nothrow_t&) noexcept {
-    return hookedAlloc(n, alignof(max_align_t));
-}
-void operator delete(void* p) noexcept { free(p); }
-void operator delete[](void* p) noexcept { free(p); }
-void operator delete(void* p, size_t) noexcept { free(p); }
-void operator delete[](void* p, size_t) noexcept { free(p); }
-void operator delete(void* p, std::align_val_t) noexcept { free(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { free(p); }
-void operator delete(void* p, size_t, std::align_val_t) noexcept { free(p); }
-void operator delete[](void* p, size_t, std::align_val_t) noexcept { free(p); }
+inline void hookedDelete(void* p) { free(p), hooks::deletes += p && hooks::counting ? 1 : 0; }
+void operator delete(void* p) noexcept { hookedDelete(p); }
+void operator delete(void* p, size_t) noexcept { hookedDelete(p); }
+void operator delete(void* p, std::align_val_t) noexcept { hookedDelete(p); }
+void operator delete(void* p, size_t, std::align_val_t) noexcept { hookedDelete(p); }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
                               void* arg) noexcept {

@@ -11,7 +11,6 @@
 
 struct CapturedLine {
     int level;
-    std::string func;
     std::string text;
 };
 
@@ -23,12 +22,9 @@ public:
     ~LogCapture();
 
     std::vector<CapturedLine> lines() const;
-    // Number of lines whose text equals `text` (and whose level is `level`,
-    // unless it is -1).
-    int count(const std::string& text, int level = -1) const;
-    bool contains(const std::string& text, int level = -1) const { return count(text, level) > 0; }
-    // Number of lines whose text contains `part`.
-    int countContaining(const std::string& part) const;
+    // Number of lines whose text equals `text` (with `part`: contains it), and
+    // whose level is `level`, unless it is -1.
+    int count(const std::string& text, int level = -1, bool part = false) const;
     void clear();
 
 private:

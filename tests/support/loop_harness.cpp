@@ -1,28 +1,17 @@
 #include "loop_harness.h"
 
 #include <dirent.h>
-#include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <fstream>
-
-#include "daemon_pool.h"
-#include "kel_pool.h"
-#include "kel_port.h"
-#include "kel_timer.h"
-#include "log_capture.h"
 
 namespace {
 
 void onAlarm(int) {
     static const char msg[] = "\n*** watchdog: test did not finish in time (hang?) ***\n";
-    ssize_t w = write(STDERR_FILENO, msg, sizeof msg - 1);
-    (void)w;
+    (void)!write(STDERR_FILENO, msg, sizeof msg - 1);
     _exit(2);
 }
 
@@ -42,17 +31,12 @@ Watchdog::Watchdog(unsigned seconds) {
     alarm(seconds);
 }
 
-Watchdog::~Watchdog() { alarm(0); }
-
 bool waitUntil(const std::function<bool()>& pred, double seconds) {
     auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     for (int polls = 0; std::chrono::steady_clock::now() < end; ++polls) {
         if (pred()) return true;
         // Short waits are polled closely, long ones gently.
-        if (polls < 2000)
-            std::this_thread::yield();
-        else
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        polls < 2000 ? std::this_thread::yield() : std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return pred();
 }
@@ -89,9 +73,8 @@ std::vector<std::string> threadNames() {
 }
 
 int threadsNamed(const std::string& name) {
-    int n = 0;
-    for (const std::string& t : threadNames()) n += t == name ? 1 : 0;
-    return n;
+    std::vector<std::string> all = threadNames();
+    return static_cast<int>(std::count(all.begin(), all.end(), name));
 }
 
 std::vector<std::string> strayThreads() {
@@ -112,19 +95,13 @@ std::vector<std::string> strayThreads() {
 }
 
 bool waitForNoStrayThreads() {
-    return waitUntil([] { return strayThreads().empty() && kel_pool_counts().used == 0; }, 10);
+    return waitUntil([] { return strayThreads().empty() && poolIdle(); }, 10);
 }
 
 double stressSeconds(double dflt) {
-    if (getenv("KEL_SOAK") == nullptr) return dflt;
     const char* s = getenv("KEL_SOAK_SECONDS");
     double v = s ? atof(s) : 0.0;
-    return v > 0 ? v : 10.0;
-}
-
-void expectPoolsFull(KelLoop* loop) {
-    for (KelPool* p : {loop->timerList()->nodePool(), loop->generalPool(), loop->statePool()})
-        EXPECT_EQ(p->getNFree(), p->getNTot()) << "a pool has blocks out";
+    return getenv("KEL_SOAK") == nullptr ? dflt : v > 0 ? v : 10.0;
 }
 
 GeneralQEvt* newGeneral(int sig, long w, long l) {
@@ -133,23 +110,17 @@ GeneralQEvt* newGeneral(int sig, long w, long l) {
     return e;
 }
 
-// Posts `e`; a refused event goes back to its pool.
-static bool postOrFree(KelLoop* loop, QEvt* e) {
-    if (e == nullptr) return false;
-    if (loop->post(e)) return true;
-    Kel::gc(e);
-    return false;
+bool postGeneral(KelLoop* loop, int sig, long w, long l) {
+    GeneralQEvt* e = newGeneral(sig, w, l);
+    if (e != nullptr && !loop->post(e)) Kel::gc(e), e = nullptr;  // a refused event goes home
+    return e != nullptr;
 }
-
-bool postGeneral(KelLoop* loop, int sig, long w, long l) { return postOrFree(loop, newGeneral(sig, w, l)); }
 
 StateQEvt* newStateEvt(long stateMsg, long msgId) {
     StateQEvt* e = static_cast<StateQEvt*>(KelLoop::newEvt(SIG_STATE_DELAY_EVENT, sizeof(StateQEvt)));
     if (e != nullptr) e->stateMsg = stateMsg, e->msgId = msgId;
     return e;
 }
-
-bool postStateEvt(long stateMsg, long msgId) { return postOrFree(_loop, newStateEvt(stateMsg, msgId)); }
 
 void installKelHandlerFor(int sig) {
     struct sigaction act;
@@ -167,27 +138,10 @@ int dispatchNodesUsed(dispatch::Queue& q, int* made) {
     return used;
 }
 
-LoopRunner::LoopRunner(KelLoop* loop) : mLoop(loop), mResult(-2), mJoined(false) {
-    mThread = std::thread([this] { mResult = mLoop->execLoop(); });
-}
-
-LoopRunner::~LoopRunner() {
-    if (mJoined) return;
-    mLoop->exitLoop();
-    mThread.join();
-}
-
-int LoopRunner::join() {
-    mThread.join();
-    mJoined = true;
-    return mResult;
-}
-
-void KelTest::SetUp() { KelLoop::init_all(0x3000000, "kel-test", nullptr); }
-
 void KelTest::TearDown() {
     if (loop != nullptr) {
-        expectPoolsFull(loop);
+        for (KelPool* p : {loop->timerList()->nodePool(), loop->generalPool(), loop->statePool()})
+            EXPECT_EQ(p->getNFree(), p->getNTot()) << "a pool has blocks out";
         delete loop;
     }
     KelLoop::uninit_all();

@@ -8,17 +8,36 @@
 #define KEL_TESTS_SUPPORT_LOOP_HARNESS_H
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "app_timer.h"
+#include "daemon_pool.h"
+#include "daemon_thread.h"
 #include "dispatch_process.h"
 #include "event_def.h"
+#include "kel_dispatch.h"
 #include "kel_loop.h"
+#include "kel_pool.h"
+#include "kel_port.h"
+#include "kel_queue.h"
+#include "kel_timer.h"
+#include "support/log_capture.h"
 
 // Ends the process with status 2 and a message when the test has not
 // finished after `seconds`, so that a hang fails instead of blocking CI.
@@ -26,7 +45,7 @@
 class Watchdog {
 public:
     explicit Watchdog(unsigned seconds = 120);
-    ~Watchdog();
+    ~Watchdog() { alarm(0); }
     Watchdog(const Watchdog&) = delete;
     Watchdog& operator=(const Watchdog&) = delete;
 };
@@ -55,6 +74,8 @@ std::vector<std::string> threadNames();
 int threadsNamed(const std::string& name);
 // Threads besides the main thread, "kel-signal" and a sanitizer's helper.
 std::vector<std::string> strayThreads();
+// No pooled thread is busy.
+inline bool poolIdle() { return kel_pool_counts().used == 0; }
 // True once strayThreads() is empty, within 10 s (a joined thread may be
 // listed for a moment while the kernel finishes it).
 bool waitForNoStrayThreads();
@@ -63,17 +84,12 @@ bool waitForNoStrayThreads();
 // as the ctest label `soak` does) KEL_SOAK_SECONDS, by default 10.
 double stressSeconds(double dflt);
 
-// gtest expectations: every block of the timer, general and state pools is
-// free.
-void expectPoolsFull(KelLoop* loop);
-
 // An application event of `sig` with the two words; null when no block is
 // free. postGeneral posts it and gives the block back when refused.
 GeneralQEvt* newGeneral(int sig, long w = 0, long l = 0);
 bool postGeneral(KelLoop* loop, int sig, long w = 0, long l = 0);
 // A state event from the pools; null when no block is free.
 StateQEvt* newStateEvt(long stateMsg, long msgId = 0);
-bool postStateEvt(long stateMsg, long msgId = 0);
 
 // The handler that KelLoop::init_all installed for SIGTERM, installed the
 // same way for `sig`.
@@ -83,25 +99,25 @@ void installKelHandlerFor(int sig);
 // `made` (if given) receives the nodes made.
 int dispatchNodesUsed(dispatch::Queue& q, int* made = nullptr);
 
-// Runs `execLoop` of a loop on a thread of its own.
-class LoopRunner {
-public:
-    explicit LoopRunner(KelLoop* loop);
-    ~LoopRunner();
-    int join();  // waits for execLoop to return; its result
-
-private:
-    KelLoop* mLoop;
-    std::thread mThread;
-    int mResult;
-    bool mJoined;
+// Runs `execLoop` of a loop on a thread of its own; join() waits for it to
+// return and gives its result. Not joined, it is ended by exitLoop.
+struct LoopRunner {
+    explicit LoopRunner(KelLoop* l) : loop(l), thread([this] { result = loop->execLoop(); }) {}
+    ~LoopRunner() {
+        if (thread.joinable()) loop->exitLoop(), thread.join();
+    }
+    int join() { return thread.join(), result; }
+    KelLoop* loop;
+    int result = -2;
+    std::thread thread;
 };
 
 // Starts the framework without signal handling or logging set-up; at the
-// end checks that no thread is left and every block of `loop` came home.
+// end checks that no thread is left and every block of the timer, general
+// and state pools of `loop` came home.
 class KelTest : public ::testing::Test {
 protected:
-    void SetUp() override;
+    void SetUp() override { KelLoop::init_all(0x3000000, "kel-test", nullptr); }
     void TearDown() override;
     Watchdog dog{120};
     KelLoop* loop = nullptr;
