@@ -11,8 +11,8 @@
 #   static    clang-tidy and cppcheck on events/ util/ log/
 #   fuzz      each libFuzzer target for KEL_FUZZ_SECONDS (default 60) from its seeds
 #   format-check  every tracked C++ file matches .clang-format
-#   share     tests (tests/ + fuzz/) never grow past KEL_TEST_SHARE_MAX % of all C++
-#             lines: a ratchet, lowered as the suite shrinks towards a third
+#   share     tests (tests/ + fuzz/) never grow past KEL_TEST_SHARE_MAX % (33) of
+#             all C++ lines: at most a third
 #
 # Usage: .ci/steps.sh deps | all | format | STEP...
 #   deps    installs the Debian packages of missing tools (as root)
@@ -154,7 +154,7 @@ step_static() {
 
 # The suite is at 34.2 % today; the aim is a third (33 %). Lower the limit
 # whenever a change brings the share down, never raise it.
-KEL_TEST_SHARE_MAX=${KEL_TEST_SHARE_MAX:-35}
+KEL_TEST_SHARE_MAX=${KEL_TEST_SHARE_MAX:-33}
 step_share() {
     python3 tools/test_share.py --max "$KEL_TEST_SHARE_MAX"
 }
