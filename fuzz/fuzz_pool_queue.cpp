@@ -30,7 +30,10 @@ struct Model {
     }
     void forget(QEvt* e) { holds.erase(std::find(holds.begin(), holds.end(), e)); }
     void release(const QEvt* e) {
-        if (--refs[e] <= 0) nFree[poolOf[e]]++, refs.erase(e), poolOf.erase(e);
+        if (--refs[e] > 0) return;
+        nFree[poolOf[e]]++;
+        refs.erase(e);
+        poolOf.erase(e);
     }
     void take(const QEvt* e) {  // the front event, as get handed it out
         FUZZ_CHECK(!queue.empty() && e == queue.front());

@@ -184,7 +184,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             m.initialize();
         } else if (op % 5 == 4) {
             gMache->exitState();
-            m.cur = kInit, m.isInit = false, m.hist.clear();
+            m.cur = kInit;
+            m.isInit = false;
+            m.hist.clear();
         }
         compare(m);
     }

@@ -54,7 +54,11 @@ struct Tick : public Rec {
 // Drives a queue with blocking queueProcess calls until destroyed.
 struct Processor {
     explicit Processor(Queue& queue) : q(queue) {}
-    ~Processor() { stop = true, q.interrupt(), thread.join(); }
+    ~Processor() {
+        stop = true;
+        q.interrupt();
+        thread.join();
+    }
     Queue& q;
     std::atomic<bool> stop{false};
     std::thread thread{[this] {
@@ -94,7 +98,10 @@ TEST_F(Dispatch, RunAndProcessingWithAWakeupFunction) {
     q.queueProcess(1);  // runs the pending work, then returns
     EXPECT_EQ(a.calls, 1) << "the cancelled run's call is gone";
     EXPECT_EQ(woken.calls, 2);
-    std::thread locker([&] { q.lock(), q.unlock(); });
+    std::thread locker([&] {
+        q.lock();
+        q.unlock();
+    });
     ASSERT_TRUE(waitUntil([&] { return woken.calls == 3; }));
     std::atomic<bool> done{false};
     std::thread worker([&] { q.queueProcess(1), done = true; });
@@ -194,9 +201,15 @@ TEST_F(Dispatch, RepeatingTimerKeepsOneEntryAndCountsFromTheCallbacksEnd) {
     Clock::time_point firstEnd, secondStart;
     Gate entered, opened;
     a.hook = [&] {
-        if (a.calls == 1) std::this_thread::sleep_for(60ms), firstEnd = Clock::now();  // beyond the period
+        if (a.calls == 1) {
+            std::this_thread::sleep_for(60ms);  // beyond the period
+            firstEnd = Clock::now();
+        }
         if (a.calls == 2) secondStart = Clock::now();
-        if (a.calls == 4) entered.open(), opened.wait();
+        if (a.calls == 4) {
+            entered.open();
+            opened.wait();
+        }
     };
     for (int i = 0; i < 5; ++i) a.timer.restart(20);
     {
@@ -326,7 +339,8 @@ TEST_F(Dispatch, TwoLockersExcludeEachOtherAndTheCallbacks) {
     busy.hook = [&] {
         if (inCallback++ != 0 || holders != 0) ++overlaps;
         std::this_thread::yield();
-        --inCallback, --pending;
+        --inCallback;
+        --pending;
     };
     Queue q;
     Processor p(q);
@@ -346,7 +360,8 @@ TEST_F(Dispatch, TwoLockersExcludeEachOtherAndTheCallbacks) {
         }
     };
     std::thread l1(locker), l2(locker);
-    l1.join(), l2.join();
+    l1.join();
+    l2.join();
     stop = true;
     feeder.join();
     drain(q);

@@ -150,7 +150,12 @@ TEST(WorkQueue, WorksAndThreadsTheyStartKeepTheSignalMask) {
     } m;
     kel_dispatch_async_t(
         nullptr,
-        [](void*) { pthread_sigmask(SIG_SETMASK, nullptr, &m.inWork), m.start(), m.join(), ++gDone; },
+        [](void*) {
+            pthread_sigmask(SIG_SETMASK, nullptr, &m.inWork);
+            m.start();
+            m.join();
+            ++gDone;
+        },
         nullptr);
     ASSERT_TRUE(doneReaches(1));
     for (int sig : {SIGTERM, SIGPIPE})
@@ -164,8 +169,10 @@ static Gate gStarted, gRelease;
 static int gInsideFlush;
 static size_t gInsideCancel;
 static void flushAndCancelInside(void* q) {
-    gStarted.open(), gRelease.wait();
-    gInsideFlush = kel_dispatch_queue_flush(q), gInsideCancel = kel_dispatch_queue_cancel(q);
+    gStarted.open();
+    gRelease.wait();
+    gInsideFlush = kel_dispatch_queue_flush(q);
+    gInsideCancel = kel_dispatch_queue_cancel(q);
     usleep(20 * 1000);  // a flusher woken by the cancel would see gDone 0
     ++gDone;
 }
@@ -203,7 +210,7 @@ TEST(WorkQueue, StressAsyncCancelAndFlushTogether) {
         }
     };
     std::thread a(produce), b(produce), c(produce);
-    a.join(), b.join(), c.join();
+    for (std::thread* t : {&a, &b, &c}) t->join();
     EXPECT_EQ(kel_dispatch_queue_flush(q), 0);
     EXPECT_EQ(gDone + dropped, 60000u);
     kel_dispatch_queue_destory(q);

@@ -106,7 +106,9 @@ bool postApp(long msg) { return postGeneral(_loop, kAppSig, 0, msg); }
 class SignalLoop : public KelTest {
 protected:
     void SetUp() override {  // the capture before the handler exists, so that it sees every line
-        cap = new LogCapture, KelLoop::init_all(0, "kel-test", nullptr), loop = rec = new RecLoop;
+        cap = new LogCapture;
+        KelLoop::init_all(0, "kel-test", nullptr);
+        loop = rec = new RecLoop;
     }
     void TearDown() override {
         EXPECT_TRUE(loop->eventQueue()->isEmpty());
@@ -326,7 +328,8 @@ TEST_F(SignalLoop, StormOfUserSignalsWhileThreadsPost) {
         },
         120);
     stopPosting.store(true);
-    threads[1].join(), threads[2].join();
+    threads[1].join();
+    threads[2].join();
     // Every request that the handler took must reach broadcast, unless the
     // log tells that it found no block or gave way on a full queue.
     long accepted = gEntered.load() - gHandOverFull.load();

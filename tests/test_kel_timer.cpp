@@ -13,7 +13,10 @@ void tick(ATimer*, void* p) { static_cast<std::atomic<int>*>(p)->fetch_add(1); }
 // Re-arms its timer from the handler, twice; ends a repeating one at the
 // fourth firing. Both count the firings in the int they are given.
 void reArmTwice(ATimer* a, void* n) {
-    if (++*static_cast<int*>(n) < 3) a->setInternal(-1, 0), a->setReStart(true);
+    if (++*static_cast<int*>(n) < 3) {
+        a->setInternal(-1, 0);
+        a->setReStart(true);
+    }
 }
 void endAtFour(ATimer* a, void* n) {
     if (++*static_cast<int*>(n) == 4) a->setRepeat(false);
@@ -92,8 +95,11 @@ TEST_F(TimerTest, FiringOrderByDeadline) {
     // Arm both in the same millisecond (again when the clock ticks between).
     for (long long ms = -1; ms != nowMs();) ms = nowMs(), t[3].restart(-100), t[4].restart(-100);
     quietRepeat.setRepeat(true);
-    for (ATimer* q : {&quiet, &quietRepeat})
-        q->setHandler(record, tag(6)), q->restart(-50), q->setRunning(false);
+    for (ATimer* q : {&quiet, &quietRepeat}) {
+        q->setHandler(record, tag(6));
+        q->restart(-50);
+        q->setRunning(false);
+    }
     list()->processTimer();
     EXPECT_EQ(gOrder, (std::vector<int>{5, 4, 3, 2, 1}));
     EXPECT_TRUE(quietRepeat.isRunning());

@@ -17,7 +17,11 @@ void expectCleanExit(F child) {
     ASSERT_GE(pid, 0);
     // A hang at exit ends by SIGALRM; exit runs the static destructors, as
     // returning from main would.
-    if (pid == 0) alarm(60), child(), exit(0);
+    if (pid == 0) {
+        alarm(60);
+        child();
+        exit(0);
+    }
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;

@@ -104,9 +104,14 @@ int dispatchNodesUsed(dispatch::Queue& q, int* made = nullptr);
 struct LoopRunner {
     explicit LoopRunner(KelLoop* l) : loop(l), thread([this] { result = loop->execLoop(); }) {}
     ~LoopRunner() {
-        if (thread.joinable()) loop->exitLoop(), thread.join();
+        if (!thread.joinable()) return;
+        loop->exitLoop();
+        thread.join();
     }
-    int join() { return thread.join(), result; }
+    int join() {
+        thread.join();
+        return result;
+    }
     KelLoop* loop;
     int result = -2;
     std::thread thread;
