@@ -186,6 +186,26 @@ MUTANTS = [
     ("dq-loop-recycle-skipped", "events/dispatch_process.cpp",
      "                procSubMsg(item->evt);\n            }\n            d->recycle(item);\n",
      "                procSubMsg(item->evt);\n            }\n"),
+    # watched descriptors, work-queue flush and cancel, statistics
+    ("watch-removed-delivered", "events/kel_watch.cpp",
+     "if (!s.used || s.serial != serial) continue;", "if (s.serial != serial) continue;"),
+    ("watch-remove-no-wait", "events/kel_watch.cpp",
+     "while (mRunning == slot && mRunningSerial == serial) pthread_cond_wait(&mDone, &mMutex);",
+     "static_cast<void>(serial);"),
+    ("loop-fd-wake-lost", "events/kel_port.cpp",
+     "if (write(_g_wake_fd.load(std::memory_order_relaxed), &one, sizeof one) < 0) {",
+     "if (one == 0) {"),
+    ("dq-fd-wake-lost", "events/dispatch_private.h",
+     "        if (s && fdSleep) {\n            watch->kick();",
+     "        if (s && fdSleep) {\n            static_cast<void>(watch);"),
+    ("work-flush-early", "events/kel_dispatch.cpp",
+     "while ((mCurrent != nullptr ? mCurrentSeq : mLeft) < target)",
+     "while (mLeft < target)"),
+    ("work-cancel-uncounted", "events/kel_dispatch.cpp",
+     "    mLeft += dropped;\n    wakeFlushers();", "    wakeFlushers();"),
+    ("stats-pool-low-kept", "events/kel_evt_pool_queue.cpp",
+     "if (nFree - 1 < m_nLow.load(std::memory_order_relaxed))",
+     "if (nFree < m_nLow.load(std::memory_order_relaxed))"),
 ]
 
 
