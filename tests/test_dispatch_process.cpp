@@ -308,6 +308,7 @@ TEST_F(Dispatch, LoopWatchesDescriptors) {
                     loop.watchFd(f[0], KEL_FD_IN, FDFUNC(&FdLoop::onReady), &loop));
     std::thread t([&] { loop.exec(); });
     ASSERT_TRUE(waitUntil([&] { return loop.calls == 2; }));
+    std::this_thread::sleep_for(20ms);  // asleep in epoll_wait: the enqueue must wake it
     q.enqueue(FUNC(&Rec::hit), &a);
     ASSERT_TRUE(waitUntil([&] { return a.calls == 1; }));
     loop.post(3);

@@ -98,7 +98,8 @@ TEST_F(EventStore, PoolsStayExclusiveAcrossUninitAndInit) {
 // snapshot and its log line; no dispatch node or pooled thread was made.
 TEST_F(EventStore, StatisticsShowLowsRefusalsAndPeaks) {
     loop = new KelLoop(2);
-    std::vector<QEvt*> out;
+    std::vector<QEvt*> out{KelLoop::newEvt(100, sizeof(GeneralQEvt))};
+    EXPECT_EQ(kel_stats_snapshot().timer_pool.low, 19u) << "the low follows the first block out";
     while (QEvt* e = KelLoop::newEvt(100, sizeof(GeneralQEvt))) out.push_back(e);
     ASSERT_EQ(out.size(), 24u);
     for (int i = 0; i < 3; ++i) loop->eventQueue()->post(out[i], 0);
