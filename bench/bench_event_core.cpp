@@ -18,6 +18,7 @@
 #include "cv_worker.h"
 #include "kel_loop.h"
 #include "kel_port.h"
+#include "loop_host.h"
 #include "msg_logger.h"
 
 namespace {
@@ -57,26 +58,8 @@ public:
 };
 
 // One loop per process, running on its own thread for the whole run.
-struct LoopHost {
-    LoopHost() {
-        KelLoop::init_all(0x1000000, "bench", nullptr);
-        // A producer that outruns the loop retries refused posts; the log
-        // line of each refusal would be measured instead of the hand-off.
-        kellog::kel_log_set_level(LOG_ERROR + 1);
-        loop = new BenchLoop;
-        thread = std::thread([this] { loop->execLoop(); });
-    }
-    ~LoopHost() {
-        loop->exitLoop();
-        thread.join();
-        delete loop;
-    }
-    BenchLoop* loop;
-    std::thread thread;
-};
-
-LoopHost& host() {
-    static LoopHost h;
+bench::LoopHost<BenchLoop>& host() {
+    static bench::LoopHost<BenchLoop> h;
     return h;
 }
 

@@ -18,6 +18,7 @@
 #include "cv_worker.h"
 #include "dispatch_process.h"
 #include "kel_loop.h"
+#include "loop_host.h"
 #include "msg_logger.h"
 
 namespace {
@@ -77,27 +78,15 @@ public:
     std::atomic<int> tid{0};
 };
 
-// One loop per process, on its own thread for the whole run.
-struct LoopHost {
-    LoopHost() {
-        KelLoop::init_all(0x1000000, "bench", nullptr);
-        kellog::kel_log_set_level(LOG_ERROR + 1);
-        loop = new BenchLoop;
-        thread = std::thread([this] { loop->execLoop(); });
-        loop->postCmd(SIG_TID);
-        while (loop->tid.load(std::memory_order_acquire) == 0) std::this_thread::yield();
-    }
-    ~LoopHost() {
-        loop->exitLoop();
-        thread.join();
-        delete loop;
-    }
-    BenchLoop* loop;
-    std::thread thread;
-};
-
-LoopHost& host() {
-    static LoopHost h;
+// The loop's thread id is known before the first measurement.
+bench::LoopHost<BenchLoop>& host() {
+    static bench::LoopHost<BenchLoop> h;
+    static bool known = [] {
+        h.loop->postCmd(SIG_TID);
+        while (h.loop->tid.load(std::memory_order_acquire) == 0) std::this_thread::yield();
+        return true;
+    }();
+    static_cast<void>(known);
     return h;
 }
 

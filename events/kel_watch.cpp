@@ -53,6 +53,12 @@ int KelWatch::find(int fd) const {
     return -1;
 }
 
+int KelWatch::findWatched(int fd, const char* op) const {
+    int slot = find(fd);
+    if (slot < 0) KEL_LOG(LOG_WARN, "%s: descriptor %d is not watched", op, fd);
+    return slot;
+}
+
 // Caller holds `mMutex`. Opens the epoll instance with the eventfd in it.
 bool KelWatch::open() {
     if (mEpfd.load(std::memory_order_relaxed) >= 0) return true;
@@ -102,11 +108,8 @@ bool KelWatch::add(int fd, unsigned interest, KelFdHandler fn, void* arg) {
 
 bool KelWatch::modify(int fd, unsigned interest) {
     PthreadAutolock lock(&mMutex);
-    int slot = find(fd);
-    if (slot < 0) {
-        KEL_LOG(LOG_WARN, "modifyFd: descriptor %d is not watched", fd);
-        return false;
-    }
+    int slot = findWatched(fd, "modifyFd");
+    if (slot < 0) return false;
     Slot& s = mSlots[slot];
     s.interest = interest;
     epoll_event e{};
@@ -120,11 +123,8 @@ bool KelWatch::modify(int fd, unsigned interest) {
 
 bool KelWatch::remove(int fd, void** arg) {
     PthreadAutolock lock(&mMutex);
-    int slot = find(fd);
-    if (slot < 0) {
-        KEL_LOG(LOG_WARN, "unwatchFd: descriptor %d is not watched", fd);
-        return false;
-    }
+    int slot = findWatched(fd, "unwatchFd");
+    if (slot < 0) return false;
     Slot& s = mSlots[slot];
     s.used = false;
     if (arg != nullptr) *arg = s.arg;

@@ -80,8 +80,11 @@ private:
         KelFdHandler fn;
         void* arg;
     };
-    // Caller holds `mMutex`.
+    // Caller holds `mMutex`. The slot of `fd`, or -1.
     int find(int fd) const;
+    // Caller holds `mMutex`. The slot of `fd`, or -1 with "<op>: descriptor
+    // %d is not watched".
+    int findWatched(int fd, const char* op) const;
     bool open();
     // Collector, `mMutex` released: the running handler has returned.
     void finish();
