@@ -48,22 +48,6 @@ private:
     std::thread mThread;
 };
 
-// Pins the calling thread and `worker` to `cpu` for a scope; -1 does nothing.
-struct Pin {
-    Pin(pthread_t worker, int cpu) : mWorker(worker), mCpu(cpu) {
-        if (mCpu < 0) return;
-        bench::pinThread(worker, cpu);
-        bench::pinThread(pthread_self(), cpu);
-    }
-    ~Pin() {
-        if (mCpu < 0) return;
-        bench::pinThread(mWorker, -1);
-        bench::pinThread(pthread_self(), -1);
-    }
-    pthread_t mWorker;
-    int mCpu;
-};
-
 struct Counter : public Object {
     void hit() { ++n; }
     void noop() {}
@@ -73,11 +57,13 @@ struct Counter : public Object {
 void cvCount(void* p) { ++static_cast<Counter*>(p)->n; }
 void cvNoop(void*) {}
 
-// Argument: the CPU every thread is pinned to, or -1 for no pinning.
+// Argument: the CPU both threads are pinned to, or -1 for the caller on CPU 0
+// and the worker on CPU 1.
 void BM_Throughput_Dispatch(benchmark::State& state) {
     Queue q;
     QueueDriver driver(q);
-    Pin pin(driver.handle(), static_cast<int>(state.range(0)));
+    const int cpu = static_cast<int>(state.range(0));
+    bench::Pinned pin(driver.handle(), cpu < 0 ? 0 : cpu, cpu < 0 ? 1 : cpu);
     Counter c;
     for (auto _ : state) {
         for (int i = 0; i < kBatch; ++i) q.enqueue(FUNC(&Counter::hit), &c);
@@ -88,7 +74,8 @@ void BM_Throughput_Dispatch(benchmark::State& state) {
 
 void BM_Throughput_CvExecutor(benchmark::State& state) {
     CvWorker ex;
-    Pin pin(ex.handle(), static_cast<int>(state.range(0)));
+    const int cpu = static_cast<int>(state.range(0));
+    bench::Pinned pin(ex.handle(), cpu < 0 ? 0 : cpu, cpu < 0 ? 1 : cpu);
     Counter c;
     for (auto _ : state) {
         for (int i = 0; i < kBatch; ++i) ex.post(cvCount, &c);
@@ -99,22 +86,10 @@ void BM_Throughput_CvExecutor(benchmark::State& state) {
 
 // The queuing side alone: the caller on CPU 0 and the worker on CPU 1; only
 // the enqueue calls are timed, the drain that follows each batch is not.
-struct TwoCpus {
-    explicit TwoCpus(pthread_t worker) : mWorker(worker) {
-        bench::pinThread(pthread_self(), 0);
-        bench::pinThread(worker, 1);
-    }
-    ~TwoCpus() {
-        bench::pinThread(pthread_self(), -1);
-        bench::pinThread(mWorker, -1);
-    }
-    pthread_t mWorker;
-};
-
 void BM_Enqueue_Dispatch(benchmark::State& state) {
     Queue q;
     QueueDriver driver(q);
-    TwoCpus pin(driver.handle());
+    bench::Pinned pin(driver.handle(), 0, 1);
     Counter c;
     for (auto _ : state) {
         Clock::time_point t0 = Clock::now();
@@ -127,7 +102,7 @@ void BM_Enqueue_Dispatch(benchmark::State& state) {
 
 void BM_Enqueue_CvExecutor(benchmark::State& state) {
     CvWorker ex;
-    TwoCpus pin(ex.handle());
+    bench::Pinned pin(ex.handle(), 0, 1);
     Counter c;
     for (auto _ : state) {
         Clock::time_point t0 = Clock::now();
@@ -141,12 +116,14 @@ void BM_Enqueue_CvExecutor(benchmark::State& state) {
 void BM_RoundTrip_Dispatch(benchmark::State& state) {
     Queue q;
     QueueDriver driver(q);
+    bench::Pinned pin(driver.handle(), 0, 1);
     Counter c;
     for (auto _ : state) q.run(FUNC(&Counter::noop), &c);
 }
 
 void BM_RoundTrip_CvExecutor(benchmark::State& state) {
     CvWorker ex;
+    bench::Pinned pin(ex.handle(), 0, 1);
     for (auto _ : state) ex.sync(cvNoop, nullptr);
 }
 

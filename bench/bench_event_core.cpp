@@ -99,8 +99,12 @@ BENCHMARK(BM_MallocFree);
 
 // -------------------------------------------------------------- round trip
 
+// Both round trips run with the caller on CPU 0 and the other thread on
+// CPU 1, so that both pay the same cross-CPU wake-ups whatever the scheduler
+// would have chosen.
 void BM_LoopRoundTrip(benchmark::State& state) {
     BenchLoop* loop = host().loop;
+    bench::Pinned pin(host().thread.native_handle(), 0, 1);
     long seq = loop->reply.seq;
     for (auto _ : state) {
         postRetrying(loop, SIG_PING);
@@ -111,6 +115,7 @@ BENCHMARK(BM_LoopRoundTrip)->UseRealTime();
 
 void BM_CondVarRoundTrip(benchmark::State& state) {
     bench::CvWorker w;
+    bench::Pinned pin(w.handle(), 0, 1);
     for (auto _ : state) w.sync([](void*) {}, nullptr);
 }
 BENCHMARK(BM_CondVarRoundTrip)->UseRealTime();

@@ -106,6 +106,28 @@ inline void pinThread(pthread_t th, int cpu) {
     pthread_setaffinity_np(th, sizeof set, &set);
 }
 
+// Pins the calling thread to `self` and `other` to `otherCpu` for a scope,
+// then lets both run anywhere again; `self` -1 does nothing.
+class Pinned {
+public:
+    Pinned(pthread_t other, int self, int otherCpu) : mOther(other), mActive(self >= 0) {
+        if (!mActive) return;
+        pinThread(pthread_self(), self);
+        pinThread(other, otherCpu);
+    }
+    ~Pinned() {
+        if (!mActive) return;
+        pinThread(pthread_self(), -1);
+        pinThread(mOther, -1);
+    }
+    Pinned(const Pinned&) = delete;
+    Pinned& operator=(const Pinned&) = delete;
+
+private:
+    pthread_t mOther;
+    bool mActive;
+};
+
 }  // namespace bench
 
 #endif
