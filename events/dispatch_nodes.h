@@ -34,7 +34,7 @@ struct DispatchItem {
           fn_data(data),
           next(nullptr) {}
 
-    bool asynchronous;  // the queue owns the item and recycles it after the call
+    bool asynchronous;  // the queue owns the item and recycles it as the call starts
     bool mergeable;     // an equal pending mergeable item makes this one superfluous
     bool completed;     // the call of a run() item has returned (or was cancelled)
     bool delobject;     // fn_data is deleted after the call
