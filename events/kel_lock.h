@@ -36,12 +36,12 @@ public:
     // A contended lock on a system of several CPUs first retries eight
     // times, sixteen pause instructions apart: the holder runs on another
     // CPU and its sections are a few dozen instructions, while a sleep and
-    // a wake-up cost tens of microseconds. On one CPU the holder cannot run while we spin, so the
-    // lock sleeps at once. (The library's own adaptive spin gives up too
-    // early under a steady stream of hand-overs and then sleeps on every
-    // one of them.)
+    // a wake-up cost tens of microseconds. On one CPU the holder cannot run
+    // while we spin, so the lock sleeps at once. (The C library's adaptive
+    // spin gave up too early under a steady stream of hand-overs, and the
+    // processing thread slept and was woken for many of them.)
     void lock() {
-        if (pthread_mutex_trylock(&mMutex) != 0 && !spinFor()) pthread_mutex_lock(&mMutex);
+        if (pthread_mutex_trylock(&mMutex) != 0 && !retried()) pthread_mutex_lock(&mMutex);
         own();
     }
     void unlock() {
@@ -98,7 +98,7 @@ public:
     };
 
 private:
-    bool spinFor() {
+    bool retried() {
         static const bool severalCpus = sysconf(_SC_NPROCESSORS_ONLN) > 1;
         if (!severalCpus) return false;
         for (int round = 0; round < 8; ++round) {
