@@ -506,12 +506,12 @@ void Loop::exec() {
             LoopEvtItem* item = d->loopHead;
             d->loopHead = item->next;
             if (d->loopHead == nullptr) d->loopTail = nullptr;
-            item->next = nullptr;
-            {
-                OwnedMutex::Unlock unlocked(d->mtx);
-                procSubMsg(item->evt);
-            }
+            // The handler gets a copy and the node goes back first, so that
+            // a procSubMsg that throws loses no node.
+            const Evt evt = item->evt;
             d->recycle(item);
+            OwnedMutex::Unlock unlocked(d->mtx);
+            procSubMsg(evt);
         }
     }
 }

@@ -242,6 +242,9 @@ private:
 // exit(). exit() never from the thread in exec() (nor from its callbacks
 // or procSubMsg). Events posted after the last turn of exec() stay
 // undelivered, and their nodes are not given back.
+//
+// Exceptions: an event whose procSubMsg throws counts as delivered, and the
+// exception leaves exec(); exec() may be called again.
 class KEL_API Loop {
 public:
     struct Evt {

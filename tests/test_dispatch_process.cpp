@@ -232,6 +232,7 @@ struct RecLoop : public Loop {
         delivered += e.sig;
         if (trace) trace->add(std::to_string(e.sig));
         if (e.sig == 1) post(Evt(5));  // delivered in the same turn
+        if (e.sig == 13) throw std::runtime_error("event");
     }
     void post(Evt e) { Loop::post(e); }
     Trace* trace;
@@ -369,8 +370,8 @@ TEST_F(Dispatch, TwoLockersExcludeEachOtherAndTheCallbacks) {
     EXPECT_EQ(overlaps, 0);
 }
 
-// A callback or timer callback that throws gives its node back and leaves
-// the queue usable; a timer may be destroyed from its own callback; a
+// A callback, timer callback or loop event that throws gives its node back
+// and leaves the queue usable; a timer may be destroyed from its own callback; a
 // negative delay from a callback does not displace the firing entry.
 TEST_F(Dispatch, ThrowingCallbacksSelfDestroyingTimersAndNegativeDelaysFromCallbacks) {
     Queue q;
@@ -385,6 +386,11 @@ TEST_F(Dispatch, ThrowingCallbacksSelfDestroyingTimersAndNegativeDelaysFromCallb
     std::this_thread::sleep_for(2ms);
     EXPECT_THROW(q.queueProcess(0), std::runtime_error);
     EXPECT_EQ(q.getNeedWait(), INT64_MAX) << "a throwing repeating timer is not re-armed";
+    RecLoop loop(nullptr, &q);
+    const int used = dispatchNodesUsed(q);
+    loop.post(Loop::Evt(13));
+    EXPECT_THROW(loop.exec(), std::runtime_error);
+    EXPECT_EQ(dispatchNodesUsed(q), used);
     Timer* self = new Timer(&q);
     b.hook = [&] { delete self; };
     self->setHandler(FUNC(&Rec::hit), &b);

@@ -185,8 +185,8 @@ MUTANTS = [
      "        {\n            Node blank;"),
     ("nodes-recycle-wrong-count", "events/dispatch_nodes.cpp", "        --mUsed;\n", "        --mCount;\n"),
     ("dq-loop-recycle-skipped", "events/dispatch_process.cpp",
-     "                procSubMsg(item->evt);\n            }\n            d->recycle(item);\n",
-     "                procSubMsg(item->evt);\n            }\n"),
+     "            d->recycle(item);\n            OwnedMutex::Unlock unlocked(d->mtx);\n",
+     "            OwnedMutex::Unlock unlocked(d->mtx);\n"),
     # watched descriptors, work-queue flush and cancel, statistics
     ("watch-removed-delivered", "events/kel_watch.cpp",
      "if (!s.used || s.serial != serial) continue;", "if (s.serial != serial) continue;"),
