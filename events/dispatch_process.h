@@ -37,7 +37,6 @@
 #define KEL_EVENTS_DISPATCH_PROCESS_H
 
 #include <stdint.h>
-#include <time.h>
 
 #include <atomic>
 
