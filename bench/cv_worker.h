@@ -107,16 +107,14 @@ inline void pinThread(pthread_t th, int cpu) {
 }
 
 // Pins the calling thread to `self` and `other` to `otherCpu` for a scope,
-// then lets both run anywhere again; `self` -1 does nothing.
+// then lets both run anywhere again.
 class Pinned {
 public:
-    Pinned(pthread_t other, int self, int otherCpu) : mOther(other), mActive(self >= 0) {
-        if (!mActive) return;
+    Pinned(pthread_t other, int self, int otherCpu) : mOther(other) {
         pinThread(pthread_self(), self);
         pinThread(other, otherCpu);
     }
     ~Pinned() {
-        if (!mActive) return;
         pinThread(pthread_self(), -1);
         pinThread(mOther, -1);
     }
@@ -125,7 +123,6 @@ public:
 
 private:
     pthread_t mOther;
-    bool mActive;
 };
 
 }  // namespace bench
