@@ -59,11 +59,15 @@ void cvNoop(void*) {}
 
 // Argument: the CPU both threads are pinned to, or -1 for the caller on CPU 0
 // and the worker on CPU 1.
+bench::Pinned pinnedFor(const benchmark::State& state, pthread_t worker) {
+    const int cpu = static_cast<int>(state.range(0));
+    return bench::Pinned(worker, cpu < 0 ? 0 : cpu, cpu < 0 ? 1 : cpu);
+}
+
 void BM_Throughput_Dispatch(benchmark::State& state) {
     Queue q;
     QueueDriver driver(q);
-    const int cpu = static_cast<int>(state.range(0));
-    bench::Pinned pin(driver.handle(), cpu < 0 ? 0 : cpu, cpu < 0 ? 1 : cpu);
+    bench::Pinned pin = pinnedFor(state, driver.handle());
     Counter c;
     for (auto _ : state) {
         for (int i = 0; i < kBatch; ++i) q.enqueue(FUNC(&Counter::hit), &c);
@@ -74,8 +78,7 @@ void BM_Throughput_Dispatch(benchmark::State& state) {
 
 void BM_Throughput_CvExecutor(benchmark::State& state) {
     CvWorker ex;
-    const int cpu = static_cast<int>(state.range(0));
-    bench::Pinned pin(ex.handle(), cpu < 0 ? 0 : cpu, cpu < 0 ? 1 : cpu);
+    bench::Pinned pin = pinnedFor(state, ex.handle());
     Counter c;
     for (auto _ : state) {
         for (int i = 0; i < kBatch; ++i) ex.post(cvCount, &c);

@@ -42,7 +42,12 @@ inline bool lastLineIs(const char* text) { return strcmp(gLastLine, text) == 0; 
     } while (0)
 
 // The xorshift step of the replay's inputs and the models' answers.
-inline uint32_t xorshift(uint32_t& s) { return s ^= s << 13, s ^= s >> 17, s ^= s << 5; }
+inline uint32_t xorshift(uint32_t& s) {
+    s ^= s << 13;
+    s ^= s >> 17;
+    s ^= s << 5;
+    return s;
+}
 
 // Reads the input a byte at a time; zeros once it is used up.
 class Input {
